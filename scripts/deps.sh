@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Installs what kelpth needs to build, test and benchmark on Debian 12 (run as root).
+set -euo pipefail
+packages=(cmake g++ make pkg-config libsqlite3-dev sqlite3 libgtest-dev googletest clang xxd hyperfine valgrind time)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

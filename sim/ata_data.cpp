@@ -1,0 +1,211 @@
+// The 512-byte data structures of the simulated ATA device: IDENTIFY DEVICE, SMART data
+// and the general-purpose logs, each laid out word by word as an ATA drive returns them.
+#include "ata_data.h"
+
+#include <algorithm>
+
+namespace kelsim {
+namespace {
+
+void putWord(AtaSector &sector, unsigned word, uint16_t value) {
+    sector[2 * word] = static_cast<uint8_t>(value);
+    sector[2 * word + 1] = static_cast<uint8_t>(value >> 8);
+}
+
+void putQword(AtaSector &sector, unsigned offset, uint64_t value) {
+    for (unsigned i = 0; i < 8; ++i) {
+        sector[offset + i] = static_cast<uint8_t>(value >> (8 * i));
+    }
+}
+
+// Structures that end in a checksum byte: the 512 bytes must add up to 0.
+void sealWithChecksum(AtaSector &sector) {
+    uint8_t sum = 0;
+    for (unsigned i = 0; i + 1 < sector.size(); ++i) {
+        sum = static_cast<uint8_t>(sum + sector[i]);
+    }
+    sector[511] = static_cast<uint8_t>(0x100 - sum);
+}
+
+// Words 1, 3, 6 and 54-58: the legacy geometry every drive still reports.
+constexpr uint16_t kCylinders = 16383, kHeads = 16, kSectorsPerTrack = 63;
+constexpr uint64_t kMax28BitBlocks = 0x0FFFFFFF;
+
+} // namespace
+
+void putAtaString(uint8_t *sector, unsigned firstWord, unsigned wordCount, std::string_view text) {
+    for (unsigned i = 0; i < 2 * wordCount; ++i) {
+        uint8_t character = i < text.size() ? static_cast<uint8_t>(text[i]) : ' ';
+        // The first character of each pair goes into the high byte of the little-endian word.
+        sector[2 * firstWord + (i ^ 1)] = character;
+    }
+}
+
+uint16_t getWord(const uint8_t *sector, unsigned word) {
+    return static_cast<uint16_t>(sector[2 * word] | (sector[2 * word + 1] << 8));
+}
+
+AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &state) {
+    AtaSector data{};
+    putWord(data, 0, 0x0040); // fixed ATA device
+    putWord(data, 1, kCylinders);
+    putWord(data, 3, kHeads);
+    putWord(data, 6, kSectorsPerTrack);
+    putAtaString(data.data(), 10, 10, identity.serial);
+    putAtaString(data.data(), 23, 4, identity.revision);
+    putAtaString(data.data(), 27, 20, identity.product);
+    putWord(data, 47, 0x8010); // READ/WRITE MULTIPLE: up to 16 sectors
+    putWord(data, 49, 0x0F00); // LBA and DMA supported, IORDY
+    putWord(data, 50, 0x4000);
+    putWord(data, 53, 0x0007); // words 54-58, 64-70 and 88 are valid
+    putWord(data, 54, kCylinders);
+    putWord(data, 55, kHeads);
+    putWord(data, 56, kSectorsPerTrack);
+    uint32_t chsBlocks = uint32_t{kCylinders} * kHeads * kSectorsPerTrack;
+    putWord(data, 57, static_cast<uint16_t>(chsBlocks));
+    putWord(data, 58, static_cast<uint16_t>(chsBlocks >> 16));
+    putWord(data, 59, 0x0110);
+    uint32_t blocks28 = static_cast<uint32_t>(std::min(state.userBlocks, kMax28BitBlocks));
+    putWord(data, 60, static_cast<uint16_t>(blocks28));
+    putWord(data, 61, static_cast<uint16_t>(blocks28 >> 16));
+    putWord(data, 63, 0x0007);
+    putWord(data, 64, 0x0003);
+    for (unsigned word = 65; word <= 68; ++word) {
+        putWord(data, word, 120);
+    }
+    putWord(data, 75, 0x001F);
+    putWord(data, 76, 0x070E); // SATA 1.5, 3.0 and 6.0 Gb/s
+    putWord(data, 80, 0x03F0); // major versions up to the second command set revision
+    // Words 82-87: supported and enabled command sets (NOP, buffers, host protected area,
+    // look-ahead, write cache, power management, SMART; 48-bit addressing, cache flushes, logs).
+    putWord(data, 82, 0x7469);
+    putWord(data, 83, 0x7400);
+    putWord(data, 84, 0x4023);
+    uint16_t enabled = 0x7408;
+    enabled |= state.readLookAheadEnabled ? 0x0040 : 0;
+    enabled |= state.writeCacheEnabled ? 0x0020 : 0;
+    enabled |= state.smartEnabled ? 0x0001 : 0;
+    putWord(data, 85, enabled);
+    putWord(data, 86, 0xB400);
+    putWord(data, 87, 0x4023);
+    putWord(data, 88, 0x407F); // Ultra DMA modes 0-6, mode 6 selected
+    for (unsigned i = 0; i < 4; ++i) {
+        putWord(data, 100 + i, static_cast<uint16_t>(state.userBlocks >> (16 * i)));
+    }
+    putWord(data, 106, 0x4000); // one 512-byte logical sector per physical sector
+    uint16_t extendedCommands = 0x4000 | (identity.writeUncorrectableSupported ? 0x0004 : 0);
+    putWord(data, 119, extendedCommands);
+    putWord(data, 120, extendedCommands);
+    putWord(data, 217, 7200); // nominal media rotation rate
+    data[510] = 0xA5;         // integrity word: signature, then the checksum byte
+    sealWithChecksum(data);
+    return data;
+}
+
+AtaSector buildSmartData(uint64_t pendingBlocks) {
+    struct Attribute {
+        uint8_t id;
+        uint16_t flags;
+        uint8_t current, worst;
+        uint64_t raw;
+    };
+    const uint32_t pending = static_cast<uint32_t>(std::min<uint64_t>(pendingBlocks, UINT32_MAX));
+    const Attribute attributes[] = {
+        {0x01, 0x000F, 100, 100, 0},       {0x03, 0x0003, 100, 100, 0},  {0x05, 0x0033, 100, 100, 0},
+        {0x09, 0x0032, 99, 99, 1234},      {0x0C, 0x0032, 100, 100, 12}, {0xC2, 0x0022, 64, 55, 36},
+        {0xC5, 0x0032, 100, 100, pending}, {0xC6, 0x0030, 100, 100, 0},  {0xC7, 0x003E, 200, 200, 0},
+    };
+    AtaSector data{};
+    putWord(data, 0, 0x0010); // data structure revision
+    unsigned offset = 2;
+    for (const Attribute &attribute : attributes) {
+        data[offset] = attribute.id;
+        data[offset + 1] = static_cast<uint8_t>(attribute.flags);
+        data[offset + 2] = static_cast<uint8_t>(attribute.flags >> 8);
+        data[offset + 3] = attribute.current;
+        data[offset + 4] = attribute.worst;
+        for (unsigned i = 0; i < 6; ++i) {
+            data[offset + 5 + i] = static_cast<uint8_t>(attribute.raw >> (8 * i));
+        }
+        offset += 12;
+    }
+    data[362] = 0x82; // off-line data collection completed
+    data[364] = 0x50; // off-line collection time, seconds
+    data[367] = 0x5B; // off-line, self-test and error-logging capabilities
+    data[368] = 0x03;
+    data[370] = 0x01;
+    data[372] = 2;    // short self-test: minutes
+    data[373] = 0xFF; // extended self-test: see words 375-376
+    data[375] = 0x58;
+    data[376] = 0x02;
+    sealWithChecksum(data);
+    return data;
+}
+
+namespace {
+
+constexpr uint8_t kLogDirectory = 0x00, kComprehensiveErrorLog = 0x03, kDeviceStatistics = 0x04, kSelfTestLog = 0x07;
+
+uint16_t logPageCount(uint8_t logAddress) {
+    switch (logAddress) {
+    case kLogDirectory:
+    case kComprehensiveErrorLog:
+    case kSelfTestLog:
+        return 1;
+    case kDeviceStatistics:
+        return 2;
+    default:
+        return 0;
+    }
+}
+
+void putStatisticsHeader(AtaSector &page, uint8_t pageNumber) {
+    putWord(page, 0, 0x0001);
+    page[2] = pageNumber;
+}
+
+// A device statistic: supported and valid flags in the top bits, the value below.
+uint64_t statistic(uint64_t value) {
+    return (uint64_t{0xC0} << 56) | value;
+}
+
+} // namespace
+
+bool buildLogPage(uint8_t logAddress, uint16_t page, AtaSector *out) {
+    if (page >= logPageCount(logAddress)) {
+        return false;
+    }
+    AtaSector data{};
+    switch (logAddress) {
+    case kLogDirectory:
+        putWord(data, 0, 0x0001); // general purpose logging version
+        for (unsigned log = 1; log < 256; ++log) {
+            putWord(data, log, logPageCount(static_cast<uint8_t>(log)));
+        }
+        break;
+    case kComprehensiveErrorLog:
+    case kSelfTestLog:
+        data[0] = 0x01; // version; no entries yet
+        sealWithChecksum(data);
+        break;
+    case kDeviceStatistics:
+        putStatisticsHeader(data, static_cast<uint8_t>(page));
+        if (page == 0) {
+            data[8] = 2; // the list of pages: this one and the general statistics
+            data[9] = 0x00;
+            data[10] = 0x01;
+        } else {
+            putQword(data, 8, statistic(12));     // power-on resets
+            putQword(data, 16, statistic(1234));  // power-on hours
+            putQword(data, 24, statistic(81920)); // logical sectors written
+            putQword(data, 32, statistic(640));   // write commands
+            putQword(data, 40, statistic(163840));
+            putQword(data, 48, statistic(1280));
+        }
+        break;
+    }
+    *out = data;
+    return true;
+}
+
+} // namespace kelsim

@@ -1,0 +1,35 @@
+// The 512-byte data structures a simulated ATA device hands out: IDENTIFY DEVICE data,
+// SMART data and the general-purpose logs, built from the drive's identity and state.
+#pragma once
+
+#include "device.h"
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+namespace kelsim {
+
+using AtaSector = std::array<uint8_t, kBlockSize>;
+
+// The parts of the device's state that IDENTIFY DEVICE reports.
+struct IdentifyState {
+    uint64_t userBlocks = 0; // current max address + 1
+    bool writeCacheEnabled = true;
+    bool readLookAheadEnabled = true;
+    bool smartEnabled = true;
+};
+
+AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &state);
+
+// SMART READ DATA; pendingBlocks shows up as the current pending sector count.
+AtaSector buildSmartData(uint64_t pendingBlocks);
+
+// One page of a general-purpose log; false when the log or the page does not exist.
+bool buildLogPage(uint8_t logAddress, uint16_t page, AtaSector *out);
+
+// ATA strings: two characters a word, the first in the high byte, blank padded.
+void putAtaString(uint8_t *sector, unsigned firstWord, unsigned wordCount, std::string_view text);
+uint16_t getWord(const uint8_t *sector, unsigned word);
+
+} // namespace kelsim

@@ -1,0 +1,184 @@
+// The controller library: enumeration, RAID status and drive information from the farm's
+// topology, and the scripted faults of these calls.
+#include "controller_library.h"
+
+#include "faults.h"
+#include "library_codes.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace kelsim {
+namespace {
+
+void copyPadded(char *field, size_t width, const std::string &text) {
+    memset(field, ' ', width);
+    memcpy(field, text.data(), std::min(width, text.size()));
+}
+
+void putLittleEndian(uint8_t *bytes, int width, uint64_t value) {
+    for (int i = 0; i < width; i++) {
+        bytes[i] = static_cast<uint8_t>(value >> (8 * i));
+    }
+}
+
+} // namespace
+
+ControllerLibrary::ControllerLibrary(std::string stateDir) : stateDir_(std::move(stateDir)) {}
+
+int ControllerLibrary::fail(uint32_t code) {
+    lastError_ = code;
+    return 0;
+}
+
+// Faults are looked for only while the marker file says some are scripted, so that a
+// run without faults never opens the database here.
+bool ControllerLibrary::takeFault(const char *kind, ScriptedFault *fault) {
+    if (!farm_) {
+        farm_ = std::make_unique<Farm>(stateDir_);
+    }
+    StateStore &store = farm_->store();
+    if (!store.faultsMayBePending()) {
+        return false;
+    }
+    StoreTransaction transaction(store, true);
+    if (!transaction.active()) {
+        return false;
+    }
+    bool found = store.takeFault(kind, fault);
+    return transaction.commit() && found;
+}
+
+bool ControllerLibrary::ready(const void *record) {
+    if (!initialised_) {
+        fail(kErrorNotInitialised);
+        return false;
+    }
+    if (record == nullptr) {
+        fail(kErrorBadArgument);
+        return false;
+    }
+    return true;
+}
+
+int ControllerLibrary::initContData(int) {
+    ScriptedFault fault;
+    if (takeFault(fault_kind::kInitFail, &fault)) {
+        return fail(fault.value);
+    }
+    std::string error;
+    if (!farm_->load(&error)) {
+        fprintf(stderr, "kelsim: %s\n", error.c_str());
+        return fail(kErrorTopology);
+    }
+    initialised_ = true;
+    return 1;
+}
+
+int ControllerLibrary::getContNum(uint8_t *controllerCount) {
+    if (!ready(controllerCount)) {
+        return 0;
+    }
+    ScriptedFault fault;
+    if (takeFault(fault_kind::kNoController, &fault)) {
+        *controllerCount = 0;
+        return 1;
+    }
+    *controllerCount = static_cast<uint8_t>(farm_->topology().controllers.size());
+    return 1;
+}
+
+int ControllerLibrary::getContInfo(uint8_t controllerNo, ContInfo *info) {
+    if (!ready(info)) {
+        return 0;
+    }
+    ScriptedFault fault;
+    if (takeFault(fault_kind::kContInfoFail, &fault)) {
+        return fail(fault.value);
+    }
+    const ControllerConfig *controller = farm_->controller(controllerNo);
+    if (controller == nullptr) {
+        return fail(kErrorNoSuchController);
+    }
+    // raw[0] number, [1] slots, [2] drives present, [3] logical drives, [4..19] model, [20..23] firmware.
+    memset(info, 0, sizeof *info);
+    info->raw[0] = controllerNo;
+    info->raw[1] = kSlotsPerController;
+    for (int i = 0; i < kSlotsPerController; i++) {
+        info->raw[2] += controller->slots[static_cast<size_t>(i)].present ? 1 : 0;
+        info->raw[3] += controller->logicalDrives[static_cast<size_t>(i)].present ? 1 : 0;
+    }
+    memcpy(info->raw + 4, "ORVANE SIM RAID ", 16);
+    memcpy(info->raw + 20, "5.00", 4);
+    return 1;
+}
+
+int ControllerLibrary::getRaidStatus(uint8_t controllerNo, RaidStatus *status) {
+    if (!ready(status)) {
+        return 0;
+    }
+    ScriptedFault fault;
+    if (takeFault(fault_kind::kRaidStatusFail, &fault)) {
+        return fail(fault.value);
+    }
+    const ControllerConfig *controller = farm_->controller(controllerNo);
+    if (controller == nullptr) {
+        return fail(kErrorNoSuchController);
+    }
+    memset(status, 0, sizeof *status);
+    for (int i = 0; i < kLogicalDrivesPerController; i++) {
+        status->logicalDriveState[i] =
+            controller->logicalDrives[static_cast<size_t>(i)].present ? kLogicalDriveOptimal : RAID_STATE_ABSENT;
+    }
+    for (int i = 0; i < kSlotsPerController; i++) {
+        uint8_t state = RAID_STATE_ABSENT;
+        if (controller->slots[static_cast<size_t>(i)].present) {
+            state = logicalDriveOfSlot(*controller, i) >= 0 ? kSlotOnline : kSlotReady;
+        }
+        status->physicalDriveState[i] = state;
+    }
+    return 1;
+}
+
+int ControllerLibrary::getPhysicalDriveInfo(uint8_t controllerNo, uint8_t driveNo, PhysicalDriveInfo *info) {
+    if (!ready(info)) {
+        return 0;
+    }
+    ScriptedFault fault;
+    if (takeFault(fault_kind::kDriveInfoFail, &fault)) {
+        return fail(fault.value);
+    }
+    if (farm_->controller(controllerNo) == nullptr) {
+        return fail(kErrorNoSuchController);
+    }
+    if (driveNo >= kSlotsPerController) {
+        return fail(kErrorBadArgument);
+    }
+    memset(info, 0, sizeof *info);
+    const SlotConfig *slot = farm_->slot(controllerNo, driveNo);
+    if (slot == nullptr) {
+        return 1; // an empty slot: the vendor identification starts with a zero byte
+    }
+    // reserved0: [0] slot, [1] interface (0 SAS, 1 SATA), [2..9] capacity in blocks;
+    // reserved42: [0..19] serial number, blank padded.
+    const DriveIdentity &identity = slot->identity;
+    info->reserved0[0] = driveNo;
+    info->reserved0[1] = identity.interface == DriveInterface::Sata ? 1 : 0;
+    putLittleEndian(info->reserved0 + 2, 8, identity.nativeBlocks);
+    copyPadded(info->vendorId, sizeof info->vendorId, identity.vendor);
+    copyPadded(info->productId, sizeof info->productId, identity.product);
+    copyPadded(info->productRevision, sizeof info->productRevision, identity.revision);
+    copyPadded(reinterpret_cast<char *>(info->reserved42), 20, identity.serial);
+    return 1;
+}
+
+int ControllerLibrary::finContData() {
+    initialised_ = false;
+    if (farm_) {
+        farm_->store().close();
+    }
+    return 1;
+}
+
+} // namespace kelsim

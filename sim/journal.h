@@ -1,0 +1,13 @@
+// The journal's text form: one line per pass-through call, as "kelsim journal" prints it.
+#pragma once
+
+#include "state_store.h"
+
+#include <string>
+
+namespace kelsim {
+
+// "<seq> <Function> ctl=<c> <pd|ld>=<n> if=<i> dir=<d> ata=<a> cdb=<hex> len=<n> status=<s> sense=<KK/AA/QQ|->"
+std::string formatJournalLine(int64_t seq, const JournalEntry &entry);
+
+} // namespace kelsim

@@ -1,0 +1,306 @@
+// RAID volumes: the block layouts of RAID 0, 1 and 5 (left-symmetric, parity kept on
+// every write) and the SCSI commands a logical drive answers.
+#include "raid_volume.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kelsim {
+namespace {
+
+uint64_t bigEndian(const uint8_t *bytes, int width) {
+    uint64_t value = 0;
+    for (int i = 0; i < width; i++) {
+        value = value << 8 | bytes[i];
+    }
+    return value;
+}
+
+void putBigEndian(uint8_t *bytes, int width, uint64_t value) {
+    for (int i = width - 1; i >= 0; i--) {
+        bytes[i] = static_cast<uint8_t>(value);
+        value >>= 8;
+    }
+}
+
+void xorInto(uint8_t *target, const uint8_t *source, size_t size) {
+    for (size_t i = 0; i < size; i++) {
+        target[i] ^= source[i];
+    }
+}
+
+ScsiResult mediumError() {
+    return checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
+}
+
+// Copies a reply into the host buffer, cut at the allocation length and the buffer size.
+ScsiResult reply(const ScsiCommand &command, const uint8_t *data, size_t size, uint32_t allocationLength) {
+    ScsiResult result;
+    size_t count = std::min<size_t>({size, allocationLength, command.dataLength});
+    if (count > 0 && command.data != nullptr) {
+        memcpy(command.data, data, count);
+        result.transferred = static_cast<uint32_t>(count);
+    }
+    return result;
+}
+
+constexpr size_t kMinimumCdbLength[] = {6, 10, 10, 10, 16, 12, 0, 0}; // by the opcode's group code
+
+} // namespace
+
+uint64_t raidCapacity(RaidLevel level, uint32_t stripBlocks, const std::vector<uint64_t> &memberBlocks) {
+    if (memberBlocks.empty() || stripBlocks == 0) {
+        return 0;
+    }
+    uint64_t smallest = *std::min_element(memberBlocks.begin(), memberBlocks.end());
+    uint64_t perMember = smallest / stripBlocks * stripBlocks;
+    uint64_t n = memberBlocks.size();
+    switch (level) {
+    case RaidLevel::Raid0:
+        return perMember * n;
+    case RaidLevel::Raid1:
+        return perMember;
+    case RaidLevel::Raid5:
+        return n >= 3 ? perMember * (n - 1) : 0;
+    }
+    return 0;
+}
+
+RaidVolume::RaidVolume(RaidLevel level, uint32_t stripBlocks, std::vector<VolumeMember> members, std::string serial)
+    : level_(level), stripBlocks_(stripBlocks == 0 ? 1 : stripBlocks), members_(std::move(members)),
+      serial_(std::move(serial)) {
+    std::vector<uint64_t> blocks;
+    for (const VolumeMember &member : members_) {
+        blocks.push_back(member.blocks);
+    }
+    capacity_ = raidCapacity(level_, stripBlocks_, blocks);
+}
+
+// RAID 0: strip k is on member k mod n, row k div n.
+// RAID 5, left-symmetric: row r keeps its parity on member (n-1) - (r mod n); its data strips
+// follow the parity member, wrapping round, so that consecutive strips visit every member.
+StripExtent RaidVolume::locate(uint64_t volumeLba, uint32_t maxCount) const {
+    StripExtent extent;
+    extent.volumeLba = volumeLba;
+    uint64_t strip = volumeLba / stripBlocks_;
+    uint64_t offset = volumeLba % stripBlocks_;
+    extent.count = static_cast<uint32_t>(std::min<uint64_t>(maxCount, stripBlocks_ - offset));
+    uint64_t n = members_.size();
+    switch (level_) {
+    case RaidLevel::Raid0:
+        extent.member = static_cast<int>(strip % n);
+        extent.memberLba = strip / n * stripBlocks_ + offset;
+        break;
+    case RaidLevel::Raid1:
+        extent.member = 0;
+        extent.memberLba = volumeLba;
+        break;
+    case RaidLevel::Raid5: {
+        uint64_t row = strip / (n - 1);
+        uint64_t dataIndex = strip % (n - 1);
+        uint64_t parity = (n - 1) - row % n;
+        extent.parityMember = static_cast<int>(parity);
+        extent.member = static_cast<int>((parity + 1 + dataIndex) % n);
+        extent.memberLba = row * stripBlocks_ + offset;
+        break;
+    }
+    }
+    return extent;
+}
+
+bool RaidVolume::readMember(int member, uint64_t lba, uint32_t count, uint8_t *out) {
+    VolumeMember &target = members_[static_cast<size_t>(member)];
+    if (target.mediaErrors != nullptr && target.mediaErrors->anyBad(lba, count)) {
+        return false;
+    }
+    target.medium->read(lba, count, out);
+    return true;
+}
+
+void RaidVolume::writeMember(int member, uint64_t lba, uint32_t count, const uint8_t *in) {
+    VolumeMember &target = members_[static_cast<size_t>(member)];
+    target.medium->write(lba, count, in);
+    if (target.mediaErrors != nullptr) {
+        target.mediaErrors->cleared(lba, count);
+    }
+}
+
+bool RaidVolume::reconstruct(int missing, uint64_t memberLba, uint32_t count, uint8_t *out) {
+    size_t size = static_cast<size_t>(count) * kBlockSize;
+    std::vector<uint8_t> other(size);
+    memset(out, 0, size);
+    for (int m = 0; m < static_cast<int>(members_.size()); m++) {
+        if (m == missing) {
+            continue;
+        }
+        if (!readMember(m, memberLba, count, other.data())) {
+            return false; // two failures in one row: the data is gone
+        }
+        xorInto(out, other.data(), size);
+    }
+    return true;
+}
+
+bool RaidVolume::readExtent(const StripExtent &extent, uint8_t *out) {
+    switch (level_) {
+    case RaidLevel::Raid0:
+        return readMember(extent.member, extent.memberLba, extent.count, out);
+    case RaidLevel::Raid1:
+        for (int m = 0; m < static_cast<int>(members_.size()); m++) {
+            if (readMember(m, extent.memberLba, extent.count, out)) {
+                return true;
+            }
+        }
+        return false;
+    case RaidLevel::Raid5:
+        return readMember(extent.member, extent.memberLba, extent.count, out) ||
+               reconstruct(extent.member, extent.memberLba, extent.count, out);
+    }
+    return false;
+}
+
+bool RaidVolume::writeExtent(const StripExtent &extent, const uint8_t *in) {
+    switch (level_) {
+    case RaidLevel::Raid0:
+        writeMember(extent.member, extent.memberLba, extent.count, in);
+        return true;
+    case RaidLevel::Raid1:
+        for (int m = 0; m < static_cast<int>(members_.size()); m++) {
+            writeMember(m, extent.memberLba, extent.count, in);
+        }
+        return true;
+    case RaidLevel::Raid5:
+        break;
+    }
+    // Read-modify-write: new parity = old parity ^ old data ^ new data. The old data and
+    // the old parity are reconstructed when their own member cannot give them.
+    size_t size = static_cast<size_t>(extent.count) * kBlockSize;
+    std::vector<uint8_t> parity(size), oldData(size);
+    if (!readMember(extent.member, extent.memberLba, extent.count, oldData.data()) &&
+        !reconstruct(extent.member, extent.memberLba, extent.count, oldData.data())) {
+        return false;
+    }
+    if (!readMember(extent.parityMember, extent.memberLba, extent.count, parity.data()) &&
+        !reconstruct(extent.parityMember, extent.memberLba, extent.count, parity.data())) {
+        return false;
+    }
+    xorInto(parity.data(), oldData.data(), size);
+    xorInto(parity.data(), in, size);
+    writeMember(extent.member, extent.memberLba, extent.count, in);
+    writeMember(extent.parityMember, extent.memberLba, extent.count, parity.data());
+    return true;
+}
+
+ScsiResult RaidVolume::execute(const ScsiCommand &command) {
+    if (command.cdb == nullptr || command.cdbLength == 0) {
+        return invalidFieldInCdb(0);
+    }
+    const uint8_t *cdb = command.cdb;
+    if (command.cdbLength < kMinimumCdbLength[cdb[0] >> 5]) {
+        return invalidFieldInCdb(0);
+    }
+    switch (cdb[0]) {
+    case 0x00: // TEST UNIT READY
+        return ScsiResult();
+    case 0x12:
+        return inquiry(command);
+    case 0x25:
+        return readCapacity10(command);
+    case 0x9E:
+        if ((cdb[1] & 0x1F) == 0x10) {
+            return readCapacity16(command);
+        }
+        return invalidFieldInCdb(1, 4);
+    case 0x28:
+        return transfer(command, bigEndian(cdb + 2, 4), static_cast<uint32_t>(bigEndian(cdb + 7, 2)), false, 7);
+    case 0x2A:
+        return transfer(command, bigEndian(cdb + 2, 4), static_cast<uint32_t>(bigEndian(cdb + 7, 2)), true, 7);
+    case 0x88:
+        return transfer(command, bigEndian(cdb + 2, 8), static_cast<uint32_t>(bigEndian(cdb + 10, 4)), false, 10);
+    case 0x8A:
+        return transfer(command, bigEndian(cdb + 2, 8), static_cast<uint32_t>(bigEndian(cdb + 10, 4)), true, 10);
+    default:
+        return checkCondition(sense::kIllegalRequest, sense::kAscInvalidOpcode, 0);
+    }
+}
+
+ScsiResult RaidVolume::transfer(const ScsiCommand &command, uint64_t lba, uint32_t blocks, bool write, int lengthByte) {
+    if (lba > capacity_ || blocks > capacity_ - lba || (blocks == 0 && lba == capacity_)) {
+        return checkCondition(sense::kIllegalRequest, sense::kAscLbaOutOfRange, 0);
+    }
+    uint64_t bytes = static_cast<uint64_t>(blocks) * kBlockSize;
+    DataDirection wanted = write ? DataDirection::ToDevice : DataDirection::FromDevice;
+    if (blocks > 0 && (command.direction != wanted || command.data == nullptr || bytes > command.dataLength)) {
+        return invalidFieldInCdb(static_cast<uint16_t>(lengthByte));
+    }
+    uint8_t *data = command.data;
+    uint32_t done = 0;
+    while (done < blocks) {
+        StripExtent extent = locate(lba + done, blocks - done);
+        uint8_t *at = data + static_cast<size_t>(done) * kBlockSize;
+        bool ok = write ? writeExtent(extent, at) : readExtent(extent, at);
+        if (!ok) {
+            ScsiResult failed = write ? checkCondition(sense::kMediumError, 0x0C, 0x00) // write error
+                                      : mediumError();
+            failed.transferred = done * kBlockSize;
+            return failed;
+        }
+        done += extent.count;
+    }
+    ScsiResult result;
+    result.transferred = static_cast<uint32_t>(bytes);
+    return result;
+}
+
+ScsiResult RaidVolume::inquiry(const ScsiCommand &command) {
+    const uint8_t *cdb = command.cdb;
+    uint32_t allocation = static_cast<uint32_t>(bigEndian(cdb + 3, 2));
+    bool vitalProductData = (cdb[1] & 0x01) != 0;
+    if (!vitalProductData) {
+        if (cdb[2] != 0) {
+            return invalidFieldInCdb(2);
+        }
+        uint8_t data[36] = {};
+        data[2] = 0x05; // SPC-3
+        data[3] = 0x02; // response data format
+        data[4] = 31;   // additional length
+        data[7] = 0x02; // command queuing
+        memcpy(data + 8, "ORVANE  ", 8);
+        const char *product = level_ == RaidLevel::Raid0   ? "RAID0 VOLUME    "
+                              : level_ == RaidLevel::Raid1 ? "RAID1 VOLUME    "
+                                                           : "RAID5 VOLUME    ";
+        memcpy(data + 16, product, 16);
+        memcpy(data + 32, "1.00", 4);
+        return reply(command, data, sizeof data, allocation);
+    }
+    std::vector<uint8_t> page = {0x00, cdb[2], 0x00, 0x00};
+    switch (cdb[2]) {
+    case 0x00:
+        page.insert(page.end(), {0x00, 0x80});
+        break;
+    case 0x80:
+        page.insert(page.end(), serial_.begin(), serial_.end());
+        break;
+    default:
+        return invalidFieldInCdb(2);
+    }
+    page[3] = static_cast<uint8_t>(page.size() - 4);
+    return reply(command, page.data(), page.size(), allocation);
+}
+
+ScsiResult RaidVolume::readCapacity10(const ScsiCommand &command) {
+    uint8_t data[8] = {};
+    uint64_t lastLba = capacity_ == 0 ? 0 : capacity_ - 1;
+    putBigEndian(data, 4, std::min<uint64_t>(lastLba, 0xFFFFFFFF));
+    putBigEndian(data + 4, 4, kBlockSize);
+    return reply(command, data, sizeof data, sizeof data);
+}
+
+ScsiResult RaidVolume::readCapacity16(const ScsiCommand &command) {
+    uint8_t data[32] = {};
+    putBigEndian(data, 8, capacity_ == 0 ? 0 : capacity_ - 1);
+    putBigEndian(data + 8, 4, kBlockSize);
+    return reply(command, data, sizeof data, static_cast<uint32_t>(bigEndian(command.cdb + 10, 4)));
+}
+
+} // namespace kelsim

@@ -1,0 +1,29 @@
+// Fixed-format sense data (response code 0x70) for the simulated targets' CHECK CONDITION answers.
+#include "device.h"
+
+namespace kelsim {
+
+ScsiResult checkCondition(uint8_t senseKey, uint8_t asc, uint8_t ascq) {
+    ScsiResult result;
+    result.checkCondition = true;
+    result.sense[0] = 0x70; // current error, fixed format
+    result.sense[2] = senseKey & 0x0F;
+    result.sense[7] = 10; // additional sense length: bytes 8..17
+    result.sense[12] = asc;
+    result.sense[13] = ascq;
+    return result;
+}
+
+ScsiResult invalidFieldInCdb(uint16_t byteIndex, int bitIndex) {
+    ScsiResult result = checkCondition(sense::kIllegalRequest, sense::kAscInvalidFieldInCdb, 0);
+    uint8_t keySpecific = 0x80 | 0x40; // SKSV, C/D = 1: the pointer names a CDB byte
+    if (bitIndex >= 0 && bitIndex <= 7) {
+        keySpecific |= 0x08 | static_cast<uint8_t>(bitIndex); // BPV and the bit pointer
+    }
+    result.sense[15] = keySpecific;
+    result.sense[16] = static_cast<uint8_t>(byteIndex >> 8);
+    result.sense[17] = static_cast<uint8_t>(byteIndex & 0xFF);
+    return result;
+}
+
+} // namespace kelsim

@@ -1,0 +1,540 @@
+// The farm's SQLite state: schema, prepared statements, transactions, sparse blocks,
+// drive settings, the journal and the scripted faults.
+#include "state_store.h"
+
+#include <sqlite3.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace kelsim {
+namespace {
+
+constexpr int kSchemaVersion = 1;
+constexpr int kBusyTimeoutMs = 10000;
+
+const char *const kSchema = R"(
+CREATE TABLE IF NOT EXISTS block(
+    drive INTEGER NOT NULL,
+    lba INTEGER NOT NULL,
+    data BLOB NOT NULL,
+    PRIMARY KEY(drive, lba)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS setting(
+    drive INTEGER NOT NULL,
+    key TEXT NOT NULL,
+    value TEXT NOT NULL,
+    PRIMARY KEY(drive, key)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS journal(
+    seq INTEGER PRIMARY KEY,
+    function TEXT NOT NULL,
+    has_request INTEGER NOT NULL,
+    interface_type INTEGER, target_kind INTEGER, controller INTEGER, drive INTEGER,
+    direction INTEGER, ata_flag INTEGER,
+    cdb BLOB NOT NULL,
+    data_length INTEGER NOT NULL,
+    status INTEGER NOT NULL,
+    sense_key INTEGER, asc INTEGER, ascq INTEGER);
+CREATE TABLE IF NOT EXISTS fault(
+    id INTEGER PRIMARY KEY,
+    kind TEXT NOT NULL,
+    value INTEGER NOT NULL,
+    detail BLOB NOT NULL,
+    remaining INTEGER NOT NULL);
+)";
+
+const char *const kStatementText[] = {
+    "SELECT lba, data FROM block WHERE drive = ?1 AND lba >= ?2 AND lba < ?3",
+    "DELETE FROM block WHERE drive = ?1 AND lba >= ?2 AND lba < ?3",
+    "INSERT OR REPLACE INTO block(drive, lba, data) VALUES(?1, ?2, ?3)",
+    "SELECT count(*) FROM block WHERE drive = ?1",
+    "SELECT value FROM setting WHERE drive = ?1 AND key = ?2",
+    "INSERT OR REPLACE INTO setting(drive, key, value) VALUES(?1, ?2, ?3)",
+    "INSERT INTO journal(function, has_request, interface_type, target_kind, controller, drive, direction, ata_flag,"
+    " cdb, data_length, status, sense_key, asc, ascq) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13,"
+    " ?14)",
+    "SELECT seq, function, has_request, interface_type, target_kind, controller, drive, direction, ata_flag, cdb,"
+    " data_length, status, sense_key, asc, ascq FROM journal ORDER BY seq",
+    "DELETE FROM journal",
+    "INSERT INTO fault(kind, value, detail, remaining) VALUES(?1, ?2, ?3, ?4)",
+    "SELECT id, value, detail, remaining FROM fault WHERE kind = ?1 ORDER BY id LIMIT 1",
+    "UPDATE fault SET remaining = remaining - 1 WHERE id = ?1",
+    "DELETE FROM fault WHERE id = ?1",
+    "SELECT 1 FROM fault LIMIT 1",
+    "SELECT kind, value, detail, remaining FROM fault ORDER BY id",
+    "DELETE FROM fault",
+};
+
+// Resets a cached statement when the function using it returns.
+class StatementUse {
+  public:
+    explicit StatementUse(sqlite3_stmt *stmt) : stmt_(stmt) {}
+    ~StatementUse() {
+        if (stmt_ != nullptr) {
+            sqlite3_reset(stmt_);
+            sqlite3_clear_bindings(stmt_);
+        }
+    }
+    StatementUse(const StatementUse &) = delete;
+    StatementUse &operator=(const StatementUse &) = delete;
+
+  private:
+    sqlite3_stmt *stmt_;
+};
+
+std::vector<uint8_t> blobColumn(sqlite3_stmt *stmt, int column) {
+    const auto *data = static_cast<const uint8_t *>(sqlite3_column_blob(stmt, column));
+    int size = sqlite3_column_bytes(stmt, column);
+    return data != nullptr && size > 0 ? std::vector<uint8_t>(data, data + size) : std::vector<uint8_t>();
+}
+
+bool isAllZero(const uint8_t *block) {
+    static const uint8_t zeros[kBlockSize] = {};
+    return memcmp(block, zeros, kBlockSize) == 0;
+}
+
+// An empty vector's data() may be null, which SQLite would store as NULL.
+void bindBlob(sqlite3_stmt *stmt, int index, const std::vector<uint8_t> &bytes) {
+    if (bytes.empty()) {
+        sqlite3_bind_zeroblob(stmt, index, 0);
+    } else {
+        sqlite3_bind_blob(stmt, index, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
+    }
+}
+
+void bindOptional(sqlite3_stmt *stmt, int index, bool present, int64_t value) {
+    if (present) {
+        sqlite3_bind_int64(stmt, index, value);
+    } else {
+        sqlite3_bind_null(stmt, index);
+    }
+}
+
+} // namespace
+
+static_assert(sizeof(kStatementText) / sizeof(kStatementText[0]) == 16, "one text per statement");
+
+StateStore::StateStore(std::string stateDir) : stateDir_(std::move(stateDir)) {}
+
+StateStore::~StateStore() {
+    close();
+}
+
+void StateStore::close() {
+    if (inTransaction_) {
+        rollback();
+    }
+    for (auto &stmt : statements_) {
+        sqlite3_finalize(stmt);
+        stmt = nullptr;
+    }
+    if (db_ != nullptr) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+    }
+}
+
+bool StateStore::failWith(const char *what) {
+    healthy_ = false;
+    lastError_ = std::string(what) + ": " + (db_ != nullptr ? sqlite3_errmsg(db_) : "database not open");
+    return false;
+}
+
+bool StateStore::exec(const char *sql) {
+    char *message = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        healthy_ = false;
+        lastError_ = message != nullptr ? message : "unknown error";
+        sqlite3_free(message);
+        return false;
+    }
+    return true;
+}
+
+bool StateStore::open() {
+    if (db_ != nullptr) {
+        return true;
+    }
+    std::string path = stateDir_ + "/state.db";
+    if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK) {
+        failWith("open state.db");
+        sqlite3_close(db_);
+        db_ = nullptr;
+        return false;
+    }
+    sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+    if (!exec("PRAGMA synchronous=NORMAL") || !createSchema()) {
+        close();
+        return false;
+    }
+    return true;
+}
+
+// The version check is one header read; the schema is only built the first time.
+bool StateStore::createSchema() {
+    auto userVersion = [this]() {
+        sqlite3_stmt *stmt = nullptr;
+        int version = -1;
+        if (sqlite3_prepare_v2(db_, "PRAGMA user_version", -1, &stmt, nullptr) == SQLITE_OK &&
+            sqlite3_step(stmt) == SQLITE_ROW) {
+            version = sqlite3_column_int(stmt, 0);
+        }
+        sqlite3_finalize(stmt);
+        return version;
+    };
+    int version = userVersion();
+    if (version == kSchemaVersion) {
+        return true;
+    }
+    if (version < 0) {
+        return failWith("read schema version");
+    }
+    if (!exec("PRAGMA journal_mode=WAL") || !exec("BEGIN IMMEDIATE")) {
+        return false;
+    }
+    // Another process may have built it while this one waited for the lock.
+    if (userVersion() != kSchemaVersion) {
+        std::string setVersion = "PRAGMA user_version=" + std::to_string(kSchemaVersion);
+        if (!exec(kSchema) || !exec(setVersion.c_str())) {
+            exec("ROLLBACK");
+            return false;
+        }
+    }
+    return exec("COMMIT");
+}
+
+sqlite3_stmt *StateStore::statement(Statement which) {
+    if (!open()) {
+        return nullptr;
+    }
+    if (statements_[which] == nullptr && sqlite3_prepare_v3(db_, kStatementText[which], -1, SQLITE_PREPARE_PERSISTENT,
+                                                            &statements_[which], nullptr) != SQLITE_OK) {
+        failWith("prepare");
+        return nullptr;
+    }
+    return statements_[which];
+}
+
+bool StateStore::stepDone(sqlite3_stmt *stmt, const char *what) {
+    if (sqlite3_step(stmt) != SQLITE_DONE) {
+        return failWith(what);
+    }
+    return true;
+}
+
+bool StateStore::begin(bool write) {
+    if (!open()) {
+        return false;
+    }
+    healthy_ = true;
+    lastError_.clear();
+    if (!exec(write ? "BEGIN IMMEDIATE" : "BEGIN")) {
+        return false;
+    }
+    inTransaction_ = true;
+    return true;
+}
+
+bool StateStore::commit() {
+    inTransaction_ = false;
+    if (!exec("COMMIT")) {
+        exec("ROLLBACK");
+        return false;
+    }
+    return true;
+}
+
+void StateStore::rollback() {
+    inTransaction_ = false;
+    if (db_ != nullptr) {
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+}
+
+bool StateStore::readBlocks(int64_t drive, uint64_t lba, uint32_t count, uint8_t *out) {
+    memset(out, 0, static_cast<size_t>(count) * kBlockSize);
+    sqlite3_stmt *stmt = statement(kReadBlocks);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    sqlite3_bind_int64(stmt, 1, drive);
+    sqlite3_bind_int64(stmt, 2, static_cast<int64_t>(lba));
+    sqlite3_bind_int64(stmt, 3, static_cast<int64_t>(lba + count));
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        uint64_t at = static_cast<uint64_t>(sqlite3_column_int64(stmt, 0));
+        const void *data = sqlite3_column_blob(stmt, 1);
+        int size = sqlite3_column_bytes(stmt, 1);
+        if (at >= lba && at < lba + count && size == static_cast<int>(kBlockSize) && data != nullptr) {
+            memcpy(out + (at - lba) * kBlockSize, data, kBlockSize);
+        }
+    }
+    return rc == SQLITE_DONE || failWith("read blocks");
+}
+
+// Zero blocks are not stored, so the table stays as sparse as the data written.
+bool StateStore::writeBlocks(int64_t drive, uint64_t lba, uint32_t count, const uint8_t *in) {
+    sqlite3_stmt *erase = statement(kDeleteBlocks);
+    sqlite3_stmt *insert = statement(kInsertBlock);
+    if (erase == nullptr || insert == nullptr) {
+        return false;
+    }
+    {
+        StatementUse use(erase);
+        sqlite3_bind_int64(erase, 1, drive);
+        sqlite3_bind_int64(erase, 2, static_cast<int64_t>(lba));
+        sqlite3_bind_int64(erase, 3, static_cast<int64_t>(lba + count));
+        if (!stepDone(erase, "write blocks")) {
+            return false;
+        }
+    }
+    for (uint32_t i = 0; i < count; i++) {
+        const uint8_t *block = in + static_cast<size_t>(i) * kBlockSize;
+        if (isAllZero(block)) {
+            continue;
+        }
+        StatementUse use(insert);
+        sqlite3_bind_int64(insert, 1, drive);
+        sqlite3_bind_int64(insert, 2, static_cast<int64_t>(lba + i));
+        sqlite3_bind_blob(insert, 3, block, kBlockSize, SQLITE_STATIC);
+        if (!stepDone(insert, "write blocks")) {
+            return false;
+        }
+    }
+    return true;
+}
+
+uint64_t StateStore::storedBlockCount(int64_t drive) {
+    sqlite3_stmt *stmt = statement(kCountBlocks);
+    if (stmt == nullptr) {
+        return 0;
+    }
+    StatementUse use(stmt);
+    sqlite3_bind_int64(stmt, 1, drive);
+    return sqlite3_step(stmt) == SQLITE_ROW ? static_cast<uint64_t>(sqlite3_column_int64(stmt, 0)) : 0;
+}
+
+bool StateStore::getSetting(int64_t drive, const std::string &key, std::string *value) {
+    sqlite3_stmt *stmt = statement(kGetSetting);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    sqlite3_bind_int64(stmt, 1, drive);
+    sqlite3_bind_text(stmt, 2, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_ROW) {
+        const unsigned char *text = sqlite3_column_text(stmt, 0);
+        int size = sqlite3_column_bytes(stmt, 0);
+        value->assign(reinterpret_cast<const char *>(text), static_cast<size_t>(size));
+        return true;
+    }
+    if (rc != SQLITE_DONE) {
+        failWith("read setting");
+    }
+    return false;
+}
+
+bool StateStore::setSetting(int64_t drive, const std::string &key, const std::string &value) {
+    sqlite3_stmt *stmt = statement(kSetSetting);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    sqlite3_bind_int64(stmt, 1, drive);
+    sqlite3_bind_text(stmt, 2, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    sqlite3_bind_text(stmt, 3, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
+    return stepDone(stmt, "write setting");
+}
+
+bool StateStore::appendJournal(const JournalEntry &entry) {
+    sqlite3_stmt *stmt = statement(kAppendJournal);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    sqlite3_bind_text(stmt, 1, entry.function.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_int(stmt, 2, entry.hasRequest ? 1 : 0);
+    bindOptional(stmt, 3, entry.hasRequest, entry.interfaceType);
+    bindOptional(stmt, 4, entry.hasRequest, entry.targetKind);
+    bindOptional(stmt, 5, entry.hasRequest, entry.controllerNo);
+    bindOptional(stmt, 6, entry.hasRequest, entry.driveNo);
+    bindOptional(stmt, 7, entry.hasRequest, entry.direction);
+    bindOptional(stmt, 8, entry.hasRequest, entry.ataCommandFlag);
+    bindBlob(stmt, 9, entry.cdb);
+    sqlite3_bind_int64(stmt, 10, entry.dataLength);
+    sqlite3_bind_int(stmt, 11, entry.status);
+    bindOptional(stmt, 12, entry.hasSense, entry.senseKey);
+    bindOptional(stmt, 13, entry.hasSense, entry.asc);
+    bindOptional(stmt, 14, entry.hasSense, entry.ascq);
+    return stepDone(stmt, "append journal");
+}
+
+bool StateStore::readJournal(const std::function<void(int64_t seq, const JournalEntry &)> &visit) {
+    sqlite3_stmt *stmt = statement(kReadJournal);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        JournalEntry entry;
+        auto column = [stmt](int i) { return sqlite3_column_int64(stmt, i); };
+        entry.function = reinterpret_cast<const char *>(sqlite3_column_text(stmt, 1));
+        entry.hasRequest = column(2) != 0;
+        entry.interfaceType = static_cast<uint32_t>(column(3));
+        entry.targetKind = static_cast<uint32_t>(column(4));
+        entry.controllerNo = static_cast<uint8_t>(column(5));
+        entry.driveNo = static_cast<uint8_t>(column(6));
+        entry.direction = static_cast<uint8_t>(column(7));
+        entry.ataCommandFlag = static_cast<uint8_t>(column(8));
+        entry.cdb = blobColumn(stmt, 9);
+        entry.dataLength = static_cast<uint32_t>(column(10));
+        entry.status = static_cast<int>(column(11));
+        entry.hasSense = sqlite3_column_type(stmt, 12) != SQLITE_NULL;
+        entry.senseKey = static_cast<uint8_t>(column(12));
+        entry.asc = static_cast<uint8_t>(column(13));
+        entry.ascq = static_cast<uint8_t>(column(14));
+        visit(column(0), entry);
+    }
+    return rc == SQLITE_DONE || failWith("read journal");
+}
+
+bool StateStore::clearJournal() {
+    sqlite3_stmt *stmt = statement(kClearJournal);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    return stepDone(stmt, "clear journal");
+}
+
+std::string StateStore::markerPath() const {
+    return stateDir_ + "/faults.pending";
+}
+
+bool StateStore::faultsMayBePending() const {
+    return access(markerPath().c_str(), F_OK) == 0;
+}
+
+bool StateStore::addFault(const ScriptedFault &fault, int count) {
+    sqlite3_stmt *stmt = statement(kAddFault);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    sqlite3_bind_text(stmt, 1, fault.kind.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_int64(stmt, 2, fault.value);
+    bindBlob(stmt, 3, fault.detail);
+    sqlite3_bind_int(stmt, 4, count);
+    if (!stepDone(stmt, "add fault")) {
+        return false;
+    }
+    // The marker is made while the write lock is held, so a consumer that finds the
+    // table empty and removes the marker cannot race with this insertion.
+    int fd = ::open(markerPath().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        healthy_ = false;
+        lastError_ = "cannot create " + markerPath() + ": " + strerror(errno);
+        return false;
+    }
+    ::close(fd);
+    return true;
+}
+
+bool StateStore::takeFault(const std::string &kind, ScriptedFault *fault) {
+    sqlite3_stmt *first = statement(kFirstFault);
+    sqlite3_stmt *use = statement(kUseFault);
+    sqlite3_stmt *drop = statement(kDropFault);
+    sqlite3_stmt *any = statement(kAnyFault);
+    if (first == nullptr || use == nullptr || drop == nullptr || any == nullptr) {
+        return false;
+    }
+    bool found = false;
+    int64_t id = 0;
+    int remaining = 0;
+    {
+        StatementUse firstUse(first);
+        sqlite3_bind_text(first, 1, kind.c_str(), -1, SQLITE_STATIC);
+        int rc = sqlite3_step(first);
+        if (rc == SQLITE_ROW) {
+            found = true;
+            id = sqlite3_column_int64(first, 0);
+            fault->kind = kind;
+            fault->value = static_cast<uint32_t>(sqlite3_column_int64(first, 1));
+            fault->detail = blobColumn(first, 2);
+            remaining = sqlite3_column_int(first, 3);
+        } else if (rc != SQLITE_DONE) {
+            return failWith("take fault");
+        }
+    }
+    if (found) {
+        sqlite3_stmt *change = remaining > 1 ? use : drop;
+        StatementUse changeUse(change);
+        sqlite3_bind_int64(change, 1, id);
+        if (!stepDone(change, "take fault")) {
+            return false;
+        }
+    }
+    StatementUse anyUse(any);
+    int rc = sqlite3_step(any);
+    if (rc == SQLITE_DONE) {
+        unlink(markerPath().c_str());
+    } else if (rc != SQLITE_ROW) {
+        return failWith("take fault");
+    }
+    return found;
+}
+
+bool StateStore::listFaults(const std::function<void(const ScriptedFault &, int remaining)> &visit) {
+    sqlite3_stmt *stmt = statement(kListFaults);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        ScriptedFault fault;
+        fault.kind = reinterpret_cast<const char *>(sqlite3_column_text(stmt, 0));
+        fault.value = static_cast<uint32_t>(sqlite3_column_int64(stmt, 1));
+        fault.detail = blobColumn(stmt, 2);
+        visit(fault, sqlite3_column_int(stmt, 3));
+    }
+    return rc == SQLITE_DONE || failWith("list faults");
+}
+
+bool StateStore::clearFaults() {
+    sqlite3_stmt *stmt = statement(kClearFaults);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    if (!stepDone(stmt, "clear faults")) {
+        return false;
+    }
+    unlink(markerPath().c_str());
+    return true;
+}
+
+bool StateStore::wipe() {
+    if (!open() || !exec("BEGIN IMMEDIATE")) {
+        return false;
+    }
+    if (!exec("DELETE FROM block; DELETE FROM setting; DELETE FROM journal; DELETE FROM fault;")) {
+        exec("ROLLBACK");
+        return false;
+    }
+    unlink(markerPath().c_str());
+    if (!exec("COMMIT")) {
+        return false;
+    }
+    // Give the space back; another process holding the database open only delays this.
+    sqlite3_exec(db_, "VACUUM", nullptr, nullptr, nullptr);
+    return true;
+}
+
+} // namespace kelsim

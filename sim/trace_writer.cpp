@@ -1,0 +1,182 @@
+// The trace log writer: entry format, bounding by rewriting the newest half, and locking
+// so that runs in the same folder at the same time neither interleave nor lose entries.
+#include "trace_writer.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace kelsim {
+namespace {
+
+bool writeAll(int fd, const char *bytes, size_t size) {
+    while (size > 0) {
+        ssize_t n = write(fd, bytes, size);
+        if (n <= 0) {
+            return false;
+        }
+        bytes += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool readAll(int fd, std::string *content) {
+    content->clear();
+    if (lseek(fd, 0, SEEK_SET) != 0) {
+        return false;
+    }
+    char buffer[65536];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof buffer)) > 0) {
+        content->append(buffer, static_cast<size_t>(n));
+    }
+    return n == 0;
+}
+
+// "2024-05-01 12:34:56." at pos: the start of an entry.
+bool entryStartsAt(const std::string &content, size_t pos) {
+    static const char pattern[] = "dddd-dd-dd dd:dd:dd.";
+    if (pos + sizeof pattern - 1 > content.size()) {
+        return false;
+    }
+    for (size_t i = 0; i + 1 < sizeof pattern; i++) {
+        char c = content[pos + i];
+        bool ok = pattern[i] == 'd' ? (c >= '0' && c <= '9') : c == pattern[i];
+        if (!ok) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+std::string formatTraceEntry(const timespec &when, pid_t pid, const char *module, uint32_t line, const char *text,
+                             const void *data, uint32_t dataLength) {
+    char head[128];
+    tm local{};
+    localtime_r(&when.tv_sec, &local);
+    size_t used = strftime(head, sizeof head, "%Y-%m-%d %H:%M:%S", &local);
+    snprintf(head + used, sizeof head - used, ".%06ld [pid %d] ", when.tv_nsec / 1000, static_cast<int>(pid));
+    std::string entry = head;
+    if (module != nullptr) {
+        entry += module;
+        entry += ":" + std::to_string(line) + " ";
+    }
+    if (text != nullptr) {
+        entry += text;
+    }
+    if (entry.back() != '\n') {
+        entry += '\n';
+    }
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    for (uint32_t offset = 0; bytes != nullptr && offset < dataLength; offset += 16) {
+        char row[96];
+        int n = snprintf(row, sizeof row, "    %08X:", offset);
+        for (uint32_t i = offset; i < offset + 16 && i < dataLength; i++) {
+            n += snprintf(row + n, sizeof row - static_cast<size_t>(n), i == offset + 8 ? "  %02X" : " %02X", bytes[i]);
+        }
+        entry.append(row, static_cast<size_t>(n));
+        entry += '\n';
+    }
+    return entry;
+}
+
+size_t nextEntryStart(const std::string &content, size_t from) {
+    if (from == 0 || from >= content.size()) {
+        return from >= content.size() ? content.size() : 0;
+    }
+    for (size_t pos = content.find('\n', from - 1); pos != std::string::npos; pos = content.find('\n', pos + 1)) {
+        if (entryStartsAt(content, pos + 1)) {
+            return pos + 1;
+        }
+    }
+    return content.size();
+}
+
+bool TraceLogWriter::open(const char *fileName, uint32_t maxSize) {
+    open_ = false;
+    if (fileName == nullptr || *fileName == '\0') {
+        return false;
+    }
+    path_ = fileName;
+    maxSize_ = maxSize;
+    int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return false;
+    }
+    close(fd);
+    open_ = true;
+    return true;
+}
+
+bool TraceLogWriter::append(const char *module, uint32_t line, const char *text, const void *data,
+                            uint32_t dataLength) {
+    if (!open_) {
+        return false;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    std::string entry = formatTraceEntry(now, getpid(), module, line, text, data, dataLength);
+    // Another run may replace the file while this one waits for the lock: retry on the new one.
+    for (int attempt = 0; attempt < 5; attempt++) {
+        int fd = ::open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            return false;
+        }
+        flock(fd, LOCK_EX);
+        struct stat held, named;
+        bool current = fstat(fd, &held) == 0 && stat(path_.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
+                       held.st_dev == named.st_dev;
+        bool written = current && appendLocked(fd, entry);
+        close(fd);
+        if (current) {
+            return written;
+        }
+    }
+    return false;
+}
+
+// Called with the lock held. When the entry would take the file past the bound, the file
+// is replaced by its newest entries (about half the bound) followed by the new entry.
+bool TraceLogWriter::appendLocked(int fd, const std::string &entry) {
+    struct stat info;
+    if (fstat(fd, &info) != 0) {
+        return false;
+    }
+    uint64_t size = static_cast<uint64_t>(info.st_size);
+    if (maxSize_ == 0 || size + entry.size() <= maxSize_) {
+        return writeAll(fd, entry.data(), entry.size());
+    }
+    std::string content;
+    if (!readAll(fd, &content)) {
+        return false;
+    }
+    std::string kept;
+    if (entry.size() >= maxSize_ / 2) {
+        kept = entry.substr(0, maxSize_); // an entry as big as the bound stands alone, cut
+    } else {
+        size_t keep = maxSize_ / 2 - entry.size();
+        size_t from = content.size() > keep ? nextEntryStart(content, content.size() - keep) : 0;
+        kept = content.substr(from) + entry;
+    }
+    std::string temporary = path_ + ".trim." + std::to_string(getpid());
+    int out = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0) {
+        return false;
+    }
+    bool ok = writeAll(out, kept.data(), kept.size());
+    ok = close(out) == 0 && ok;
+    if (!ok || rename(temporary.c_str(), path_.c_str()) != 0) {
+        unlink(temporary.c_str());
+        return false;
+    }
+    return true;
+}
+
+} // namespace kelsim

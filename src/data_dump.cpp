@@ -1,0 +1,139 @@
+// The hex and character dump of command blocks and data, and the data-buffer helpers.
+#define KEL_MODULE "KelPthCmd"
+#include "kelpth/dump.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kelctl.h"
+#include "kelpth/messages.h"
+
+namespace {
+
+constexpr uint32_t kBytesPerRow = 16;
+constexpr uint32_t kLargestBuffer = 0x10000;
+const char kHexDigits[] = "0123456789ABCDEF";
+
+// The character column shows what iswalnum accepts in the C locale: ASCII letters
+// and digits.
+char shownCharacter(uint8_t byte) {
+    const bool letterOrDigit =
+        (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
+    return letterOrDigit ? static_cast<char>(byte) : '.';
+}
+
+// One row: "%08X: ", sixteen "%02X " fields (blanks past the end, an extra blank after
+// the eighth), a blank, then the characters of the bytes present. Returns its length.
+size_t formatRow(char *row, uint32_t offset, const uint8_t *bytes, uint32_t count) {
+    size_t at = 0;
+    for (int shift = 28; shift >= 0; shift -= 4) {
+        row[at++] = kHexDigits[(offset >> shift) & 0xF];
+    }
+    row[at++] = ':';
+    row[at++] = ' ';
+    for (uint32_t column = 0; column < kBytesPerRow; column++) {
+        if (column < count) {
+            row[at++] = kHexDigits[bytes[column] >> 4];
+            row[at++] = kHexDigits[bytes[column] & 0xF];
+        } else {
+            row[at++] = ' ';
+            row[at++] = ' ';
+        }
+        row[at++] = ' ';
+        if (column == 7) {
+            row[at++] = ' ';
+        }
+    }
+    row[at++] = ' ';
+    for (uint32_t column = 0; column < count; column++) {
+        row[at++] = shownCharacter(bytes[column]);
+    }
+    row[at++] = '\n';
+    return at;
+}
+
+} // namespace
+
+uint32_t KelPasPrintData(const char *title, const uint8_t *data, uint32_t size, uint32_t startRow, int32_t totalSize) {
+    if (startRow == 0) {
+        printf("[%s] Size=%d\n", title, totalSize);
+    }
+    if (size == 0) {
+        printf("\n");
+        return 0;
+    }
+    if (startRow == 0) {
+        printf("-----------------------------------------------------------------------------\n");
+    }
+    const uint32_t rows = size / kBytesPerRow + (size % kBytesPerRow != 0 ? 1 : 0);
+    char row[96];
+    for (uint32_t r = 0; r < rows; r++) {
+        const uint32_t first = r * kBytesPerRow;
+        const uint32_t count = size - first < kBytesPerRow ? size - first : kBytesPerRow;
+        const size_t length = formatRow(row, (startRow + r) * kBytesPerRow, data + first, count);
+        fwrite(row, 1, length, stdout);
+    }
+    if (strncmp(title, "CDB", 3) == 0) {
+        dumpLog(nullptr, 0, "## CDB", data, size);
+    }
+    return startRow + rows;
+}
+
+int MakeAllocData(uint8_t **bufferOut, uint32_t size) {
+    if (size == 0) {
+        KelPthErr0021(KEL_HERE);
+        KelPthErr0002(KEL_HERE);
+        return 0;
+    }
+    if (size > kLargestBuffer) {
+        size = kLargestBuffer;
+    }
+    uint8_t *buffer = static_cast<uint8_t *>(malloc(size));
+    if (bufferOut == nullptr || buffer == nullptr) {
+        const int allocError = errno;
+        free(buffer);
+        if (bufferOut != nullptr) {
+            *bufferOut = nullptr;
+        }
+        KelPthErr0007(KEL_HERE, allocError, "Failed in PassThrough");
+        KelPthErr0002(KEL_HERE);
+        return 0;
+    }
+    memset(buffer, 0, size);
+    *bufferOut = buffer;
+    return 1;
+}
+
+// Repeats the pattern held in the first patternLength bytes up to totalLength.
+int CopyWriteData(uint8_t *buffer, uint32_t totalLength, uint32_t patternLength) {
+    if (buffer == nullptr) {
+        KelPthErr0014(KEL_HERE, 1);
+        KelPthErr0002(KEL_HERE);
+        return 0;
+    }
+    // The pattern's own room, as the fill has always asked for it (a length that wraps to
+    // 0 is refused here).
+    uint8_t *patternRoom = nullptr;
+    if (MakeAllocData(&patternRoom, patternLength + 1) == 0) {
+        return 0;
+    }
+    free(patternRoom);
+    // An empty pattern could never fill anything.
+    if (patternLength == 0 && totalLength > 0) {
+        KelPthErr0014(KEL_HERE, 3);
+        KelPthErr0002(KEL_HERE);
+        return 0;
+    }
+    // The pattern stays untouched at the start of the buffer and never overlaps the
+    // copies, so it is copied from there whatever its length.
+    uint32_t filled = patternLength;
+    while (filled < totalLength) {
+        const uint32_t remainder = totalLength - filled;
+        const uint32_t piece = remainder <= patternLength ? remainder : patternLength;
+        memcpy(buffer + filled, buffer, piece);
+        filled += piece;
+    }
+    return 1;
+}

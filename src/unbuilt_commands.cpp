@@ -1,0 +1,102 @@
+// Placeholders for the commands not built yet, so that the program links. Each
+// one traces its entry, says the command is not supported and fails; delete a
+// stub when its real handler arrives.
+#define KEL_MODULE "KelPthCmd"
+#include "kelpth/handlers.h"
+#include "kelpth/messages.h"
+#include "kelpth/trace.h"
+
+namespace {
+[[maybe_unused]] int32_t unbuiltMainCommand(const char *name) {
+    traceCall(name);
+    KelPthErr0015(KEL_HERE);
+    KelPthErr0002(KEL_HERE);
+    return 0;
+}
+
+[[maybe_unused]] int32_t unbuiltSataCommand(const char *name) {
+    traceCall(name);
+    KelPthErr0024("KelPthCmd_SATA", __LINE__, "SATA");
+    KelPthErr0002("KelPthCmd_SATA", __LINE__);
+    return 0;
+}
+} // namespace
+
+// L: log-sense report.
+int32_t KelPrintLogsense() {
+    return unbuiltMainCommand("KelPrintLogsense");
+}
+// F: firmware download.
+int32_t KelFirmwareUpdate() {
+    return unbuiltMainCommand("KelFirmwareUpdate");
+}
+// E: media error set.
+int32_t KelPDHDDMediaErrorSet() {
+    return unbuiltMainCommand("KelPDHDDMediaErrorSet");
+}
+// N: error injection.
+int32_t KelPDHDDErrorInjectionSet() {
+    return unbuiltMainCommand("KelPDHDDErrorInjectionSet");
+}
+// PDPrintModePage: mode page print.
+int32_t KelPDPrintModePage() {
+    return unbuiltMainCommand("KelPDPrintModePage");
+}
+// N5: error injection, second form.
+int32_t KelPDHDDErrorInjectionSet5() {
+    return unbuiltMainCommand("KelPDHDDErrorInjectionSet5");
+}
+
+// PDHDDCapaChange: capacity change.
+int32_t KelPDHDDCapaChange() {
+    return unbuiltMainCommand("KelPDHDDCapaChange");
+}
+// P: fixed pass-through from a parameter file.
+int32_t KelFixAnyPassThrough() {
+    return unbuiltMainCommand("KelFixAnyPassThrough");
+}
+// ANY: free pass-through from a parameter file.
+int32_t KelFreAnyPassThrough() {
+    return unbuiltMainCommand("KelFreAnyPassThrough");
+}
+// R: stripe read from a parameter file.
+int32_t KelLDOneOneStripeRead() {
+    return unbuiltMainCommand("KelLDOneOneStripeRead");
+}
+// W: stripe write from a parameter file.
+int32_t KelLDOneOneStripeWrite() {
+    return unbuiltMainCommand("KelLDOneOneStripeWrite");
+}
+// r: stripe read.
+int32_t KelLDOneOneStripeRead2() {
+    return unbuiltMainCommand("KelLDOneOneStripeRead2");
+}
+// w: stripe write.
+int32_t KelLDOneOneStripeWrite2() {
+    return unbuiltMainCommand("KelLDOneOneStripeWrite2");
+}
+// r64: stripe read, 64-bit address.
+int32_t KelLDOneOneStripeRead264() {
+    return unbuiltMainCommand("KelLDOneOneStripeRead264");
+}
+// w64: stripe write, 64-bit address.
+int32_t KelLDOneOneStripeWrite264() {
+    return unbuiltMainCommand("KelLDOneOneStripeWrite264");
+}
+// PDOneSectorRead on a SATA drive.
+int32_t KelPDOneSectorRead_SATA() {
+    return unbuiltSataCommand("KelPDOneSectorRead_SATA");
+}
+// PDOneSectorWrite on a SATA drive.
+int32_t KelPDOneSectorWrite_SATA() {
+    return unbuiltSataCommand("KelPDOneSectorWrite_SATA");
+}
+
+// e: SATA media error set.
+int32_t KelPDHDDMediaErrorSet_SATA() {
+    return unbuiltSataCommand("KelPDHDDMediaErrorSet_SATA");
+}
+// A: SATA error injection.
+int32_t KelPDHDDErrorInjectionSet_SATA() {
+    return unbuiltSataCommand("KelPDHDDErrorInjectionSet_SATA");
+}

@@ -1,0 +1,285 @@
+// End to end: the dispatcher, the one-sector commands on physical and logical drives,
+// and every library status and controller-library failure as the user sees it.
+#include "harness.h"
+
+#include <sys/stat.h>
+
+#include <string>
+
+namespace {
+
+const std::string kRule = std::string(77, '-') + "\n";
+const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
+
+const std::string kUsage =
+    "KEL000-I The mistake is found in the parameter.\n"
+    "------------------------------------------------------------------------\n"
+    "kelpth L\n"
+    "kelpth F <firmware filename>\n"
+    "kelpth P <parameter filename>\n"
+    "kelpth E <parameter filename>\n"
+    "kelpth N <parameter filename>\n"
+    "kelpth R <parameter filename>\n"
+    "kelpth W <parameter filename>\n"
+    "kelpth D <ControllerNo> <PhysicalDriveNo> <Address> <Save Filename>\n"
+    "kelpth r <ControllerNo> <LogicalDriveNo> <Address>\n"
+    "kelpth w <ControllerNo> <LogicalDriveNo> <Address> <DataHDD>\n"
+    "kelpth ANY <parameter filename>\n"
+    "kelpth PDOneSectorRead <ControllerNo> <PhysicalDriveNo> <Address>\n"
+    "kelpth PDPrintModePage <ControllerNo> <PhysicalDriveNo> <PageCode> <SubPageCode> <DataSize> \n"
+    "kelpth PDOneSectorWrite <ControllerNo> <PhysicalDriveNo> <Address>\n"
+    "kelpth PDHDDCapaChange <ControllerNo> <PhysicalDriveNo> <Capacity>\n"
+    "kelpth LDOneSectorRead <ControllerNo> <LogicalDriveNo> <Address>\n"
+    "kelpth LDOneSectorWrite <ControllerNo> <LogicalDriveNo> <Address>\n"
+    "kelpth N5 <parameter filename>\n"
+    "kelpth r64 <ControllerNo> <LogicalDriveNo> <Address>\n"
+    "kelpth w64 <ControllerNo> <LogicalDriveNo> <Address> <DataHDD>\n"
+    "kelpth A <parameter filename>\n"
+    "kelpth e <parameter filename>\n"
+    "------------------------------------------------------------------------\n";
+
+// The dump of one 512-byte sector whose every byte is 0x5A ('Z').
+std::string sectorOfZ() {
+    std::string text = "[Read Command(1 Sector)] Size=512\n" + kRule;
+    char offset[16];
+    for (int row = 0; row < 32; row++) {
+        snprintf(offset, sizeof offset, "%08X: ", row * 16);
+        text += offset + repeatByte("5A", 8) + " " + repeatByte("5A", 8) + " " + std::string(16, 'Z') + "\n";
+    }
+    return text;
+}
+
+std::string twelveByteCdb(const std::string &row) {
+    return "[CDB] Size=12\n" + kRule + "00000000: " + row + "\n\n";
+}
+
+class Dispatcher : public FarmTest {};
+
+TEST_F(Dispatcher, UsageErrorsNeverOpenTheController) {
+    // With no controller at all, a usage error must still be a usage error.
+    ASSERT_EQ(kelsim({"fault", "no-controller", "--count", "9"}).exitStatus, 0);
+    for (const auto &args : std::vector<std::vector<std::string>>{
+             {}, {"l"}, {"LX"}, {"L", "extra"}, {"P"}, {"PDOneSectorRead", "0", "0"}}) {
+        RunResult run = kelpth(args);
+        EXPECT_EQ(run.exitStatus, 1);
+        EXPECT_EQ(run.out, kUsage) << "arguments: " << args.size();
+    }
+    EXPECT_NE(traceLog().find("KEL000-I The mistake is found in the parameter.\n"), std::string::npos);
+    EXPECT_EQ(traceLog().find("kelpth L\n"), std::string::npos) << "the usage block is screen-only";
+}
+
+TEST_F(Dispatcher, StartUpFailuresOfTheControllerLibrary) {
+    ASSERT_EQ(kelsim({"fault", "init-fail", "0x1234"}).exitStatus, 0);
+    RunResult run = kelpth({"PDOneSectorRead", "0", "0", "0"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.out, "KEL0004-E initContData() failed. detail=0x00001234\n" + kAbnormalEnd);
+
+    ASSERT_EQ(kelsim({"fault", "no-controller"}).exitStatus, 0);
+    run = kelpth({"LDOneSectorRead", "0", "0", "0"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.out, "KEL0003-E Orvane Raid Controller is not found.\n" + kAbnormalEnd);
+}
+
+TEST_F(Dispatcher, UnbuiltCommandsReportUnsupported) {
+    RunResult run = kelpth({"L"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.out, "KEL0015-E Unsupported command error.\n" + kAbnormalEnd);
+}
+
+TEST_F(Dispatcher, TraceLogRecordsHistoryEntryLinesAndTheCdb) {
+    ASSERT_EQ(kelpth({"PDOneSectorRead", "0", "0", "0x10"}).exitStatus, 0);
+    std::string log = traceLog();
+    // History line: absolute path of the program, then the arguments separated by blanks.
+    EXPECT_NE(log.find(std::string(KELPTH_BINARY) + " PDOneSectorRead 0 0 0x10"), std::string::npos) << log;
+    for (const char *line :
+         {"CALL - signal_setup()", "CALL - KelPDOneSectorRead()", "CALL - getHddType()", "## RAID Controller No.0",
+          "## Physical Drive No.0", "## Logical Block Address : 0x00000010", "## CDB"}) {
+        EXPECT_NE(log.find(line), std::string::npos) << line;
+    }
+    EXPECT_LT(log.find("CALL - signal_setup()"), log.find("CALL - KelPDOneSectorRead()"));
+}
+
+class PhysicalSector : public FarmTest {};
+
+TEST_F(PhysicalSector, WriteThenReadShowsThePattern) {
+    RunResult write = kelpth({"PDOneSectorWrite", "0", "0", "0x10"});
+    EXPECT_EQ(write.exitStatus, 0);
+    EXPECT_EQ(write.out, "RAID Controller No.0\nPhysical Drive No.0\nLogical Block Address : 0x00000010\n" +
+                             twelveByteCdb("BA 00 2A 00 00 00 00 10  00 00 01 00              ............"));
+
+    RunResult read = kelpth({"PDOneSectorRead", "0", "0", "0x10"});
+    EXPECT_EQ(read.exitStatus, 0);
+    EXPECT_EQ(read.out, "RAID Controller No.0\nPhysical Drive No.0\nLogical Block Address : 0x00000010\n\n" +
+                            twelveByteCdb("BB 00 28 00 00 00 00 10  00 00 01 00              ............") +
+                            sectorOfZ() + "\n");
+
+    std::string journal = kelsim({"journal"}).out;
+    EXPECT_NE(journal.find("KelPasWriteExtend ctl=0 pd=0 if=0 dir=0 ata=0 cdb=BA 00 2A 00 00 00 00 10 00 00 01 00 "
+                           "len=512 status=0 sense=-"),
+              std::string::npos)
+        << journal;
+}
+
+TEST_F(PhysicalSector, DumpSavesExactlyOneSector) {
+    ASSERT_EQ(kelpth({"PDOneSectorWrite", "0", "2", "7"}).exitStatus, 0);
+    RunResult dump = kelpth({"D", "0", "2", "7", "sector.bin"});
+    EXPECT_EQ(dump.exitStatus, 0);
+    EXPECT_EQ(dump.out, "RAID Controller No.0\nPhysical Drive No.2\nLogical Block Address : 0x00000007\n"
+                        "Save FileName:sector.bin\n\n" +
+                            twelveByteCdb("BB 02 28 00 00 00 00 07  00 00 01 00              ............"));
+    EXPECT_EQ(readFile("sector.bin"), std::string(512, 'Z'));
+
+    // The file is opened only after a successful read; an unwritable path fails after it.
+    RunResult unwritable = kelpth({"D", "0", "2", "7", "no/such/folder/sector.bin"});
+    EXPECT_EQ(unwritable.exitStatus, 1);
+    EXPECT_NE(unwritable.out.find("[CDB] Size=12"), std::string::npos);
+    EXPECT_NE(unwritable.out.find("KEL0011-E Saved file open error. errno=2\n" + kAbnormalEnd), std::string::npos);
+}
+
+TEST_F(PhysicalSector, ArgumentErrorsSendNothing) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string detail;
+    };
+    for (const Case &c : std::vector<Case>{{{"0", "10", "0"}, "Drive No"},
+                                           {{"a", "0", "0"}, "Controller No"},
+                                           {{"", "0", "0"}, "Controller No"},
+                                           {{"0", " 7", "0"}, "Drive No"},
+                                           {{"0", "0", "0x"}, "Address"},
+                                           {{"0", "0", "0X10"}, "Address"},
+                                           {{"0", "0", "123456789"}, "Address"},
+                                           {{"0", "0", "0x123456789"}, "Address"}}) {
+        std::vector<std::string> args = {"PDOneSectorWrite"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        RunResult run = kelpth(args);
+        EXPECT_EQ(run.exitStatus, 1) << c.detail;
+        EXPECT_NE(run.out.find("KEL0022-E Ileagal Parameter. detail=" + c.detail + "\n" + kAbnormalEnd),
+                  std::string::npos)
+            << run.out;
+    }
+    EXPECT_EQ(kelsim({"journal"}).out, "");
+}
+
+TEST_F(PhysicalSector, AcceptedAddressForms) {
+    for (const char *address : {"", "0", "FFFFFFFF", "0xffffffff", "7\r\n"}) {
+        RunResult run = kelpth({"PDOneSectorRead", "0", "0", address});
+        EXPECT_EQ(run.out.find("detail=Address"), std::string::npos) << address;
+    }
+    EXPECT_NE(kelpth({"PDOneSectorRead", "0", "6\n", "0"}).out.find("Physical Drive No.6"), std::string::npos);
+}
+
+TEST_F(PhysicalSector, MissingDrivesAndControllers) {
+    const std::string noDevice = "KEL0009-E Your target DeviceNo doesn't exist.\n" + kAbnormalEnd;
+    EXPECT_EQ(kelpth({"PDOneSectorRead", "0", "7", "0"}).out, noDevice); // empty slot
+    EXPECT_EQ(kelpth({"PDOneSectorRead", "0", "8", "0"}).out, noDevice); // past the last slot
+    EXPECT_EQ(kelpth({"PDOneSectorRead", "5", "0", "0"}).out,
+              "KEL0003-E Orvane Raid Controller is not found.\n" + kAbnormalEnd);
+}
+
+TEST_F(PhysicalSector, AnLbaPastTheEndIsACheckCondition) {
+    RunResult run = kelpth({"PDOneSectorRead", "0", "0", "FFFFFFFF"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:05  ASC:21  ASCQ:00\n" + kAbnormalEnd), std::string::npos)
+        << run.out;
+}
+
+class LogicalSector : public FarmTest {};
+
+TEST_F(LogicalSector, Raid1WriteLandsOnBothMirrors) {
+    RunResult write = kelpth({"LDOneSectorWrite", "0", "0", "0x30"});
+    EXPECT_EQ(write.exitStatus, 0);
+    EXPECT_EQ(write.out, "RAID Controller No.0\nLogical Drive No.0\nLogical Block Address : 0x00000030\n\n"
+                         "[CDB] Size=10\n" +
+                             kRule + "00000000: 2A 00 00 00 00 30 00 00  01 00                    .....0....\n\n");
+    for (const char *slot : {"0", "1"}) {
+        RunResult member = kelpth({"PDOneSectorRead", "0", slot, "0x30"});
+        EXPECT_NE(member.out.find(sectorOfZ()), std::string::npos) << "slot " << slot;
+    }
+    RunResult read = kelpth({"LDOneSectorRead", "0", "0", "0x30"});
+    EXPECT_EQ(read.exitStatus, 0);
+    EXPECT_NE(read.out.find(sectorOfZ() + "\n"), std::string::npos);
+}
+
+TEST_F(LogicalSector, AbsentVolumeAndBadAddressPrintNothingElse) {
+    EXPECT_EQ(kelpth({"LDOneSectorRead", "0", "5", "0"}).out,
+              "KEL0009-E Your target DeviceNo doesn't exist.\n" + kAbnormalEnd);
+    EXPECT_EQ(kelpth({"LDOneSectorRead", "0", "0", "0x"}).out,
+              "KEL0022-E Ileagal Parameter. detail=Address\n" + kAbnormalEnd);
+}
+
+// Each library status, scripted in the sim, comes out as its own message.
+struct StatusCase {
+    const char *status;
+    std::vector<std::string> detail;
+    std::string message;
+};
+
+class LibraryStatus : public FarmTest, public ::testing::WithParamInterface<StatusCase> {};
+
+TEST_P(LibraryStatus, IsReportedByItsMessage) {
+    std::vector<std::string> fault = {"fault", "pass-status", GetParam().status};
+    fault.insert(fault.end(), GetParam().detail.begin(), GetParam().detail.end());
+    ASSERT_EQ(kelsim(fault).exitStatus, 0);
+    RunResult run = kelpth({"PDOneSectorRead", "0", "0", "0"});
+    EXPECT_EQ(run.exitStatus, 1);
+    std::string expectedTail = GetParam().message + kAbnormalEnd;
+    ASSERT_GE(run.out.size(), expectedTail.size()) << run.out;
+    EXPECT_EQ(run.out.substr(run.out.size() - expectedTail.size()), expectedTail);
+    EXPECT_NE(traceLog().find(GetParam().message), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    AllBranches, LibraryStatus,
+    ::testing::Values(
+        StatusCase{"1", {"--detail-hex", "03"}, "KEL0014-E Parameter error. argno=3\n"},
+        StatusCase{"2", {}, "KEL0015-E Unsupported command error.\n"},
+        StatusCase{"3",
+                   {"--detail-text", "path busy\r\nignored"},
+                   "KEL0016-E PassThrough execution error. detail=path busy\n"},
+        StatusCase{"4",
+                   {"--detail-hex", "700004000000000A000000004400"},
+                   "KEL0005-E Request sense data  KEY:04  ASC:44  ASCQ:00\n"},
+        StatusCase{
+            "5", {"--detail-text", "0013fopen"}, "KEL0013-E fopen() failed. errno=13, detail=Permission denied\n"},
+        StatusCase{"6", {}, "KEL0017-E Read and Write command cannot be executed at the same time.\n"},
+        StatusCase{"7", {"--detail-text", "12"}, "KEL0007-E Memory alloc fail. errno=12 detail=Failed in Library\n"},
+        StatusCase{"8", {}, "KEL0023-E Request time out.\n"},
+        StatusCase{"9", {}, "KEL0004-E KelIsErr() failed. detail=Bad file descriptor\n"}));
+
+class ControllerLibraryFailure : public FarmTest {};
+
+TEST_F(ControllerLibraryFailure, ChecksReportTheLibraryCode) {
+    ASSERT_EQ(kelsim({"fault", "continfo-fail", "0x5"}).exitStatus, 0);
+    EXPECT_EQ(kelpth({"PDOneSectorRead", "0", "0", "0"}).out,
+              "KEL0004-E getContInfo() failed. detail=0x00000005\n" + kAbnormalEnd);
+    ASSERT_EQ(kelsim({"fault", "continfo-fail", "0x20000"}).exitStatus, 0);
+    EXPECT_EQ(kelpth({"PDOneSectorRead", "0", "0", "0"}).out,
+              "KEL0003-E Orvane Raid Controller is not found.\n" + kAbnormalEnd);
+    ASSERT_EQ(kelsim({"fault", "raidstatus-fail", "0x7"}).exitStatus, 0);
+    EXPECT_EQ(kelpth({"LDOneSectorRead", "0", "0", "0"}).out,
+              "KEL0004-E getRaidStatus() failed. detail=0x00000007\n" + kAbnormalEnd);
+}
+
+TEST_F(ControllerLibraryFailure, UnknownDriveTypeGoesTheSasWay) {
+    // Without drive information a SATA slot is treated as SAS: the wrapped READ(10) reaches
+    // the library, which refuses a SCSI wrapper for an ATA drive.
+    ASSERT_EQ(kelsim({"fault", "driveinfo-fail"}).exitStatus, 0);
+    RunResult run = kelpth({"PDOneSectorRead", "0", "4", "0"});
+    EXPECT_NE(run.out.find("BB 04 28"), std::string::npos) << run.out;
+}
+
+} // namespace
+
+namespace {
+
+class OtherLibraries : public FarmTest {};
+
+TEST_F(OtherLibraries, PutFirstInTheLibraryPathTheyReplaceTheSim) {
+    RunResult run = this->run({KELPTH_BINARY, "PDOneSectorRead", "0", "0", "0"}, {"LD_LIBRARY_PATH=" ALTLIB_DIR});
+    EXPECT_EQ(run.exitStatus, 0) << run.out << run.err;
+    EXPECT_NE(run.out.find("00000000: A5 A5 A5 A5 A5 A5 A5 A5  A5 A5 A5 A5 A5 A5 A5 A5  ................"),
+              std::string::npos)
+        << run.out;
+}
+
+} // namespace

@@ -1,0 +1,125 @@
+// The end-to-end harness: fork, exec and capture of kelpth and kelsim.
+#include "harness.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace {
+std::string slurpFd(int fd) {
+    std::string text;
+    char buffer[65536];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    return text;
+}
+} // namespace
+
+void FarmTest::SetUp() {
+    char pattern[] = "/tmp/kelpth-e2e-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    workDir = pattern;
+    stateDir = workDir + "/state";
+}
+
+void FarmTest::TearDown() {
+    if (!workDir.empty() && !HasFailure()) {
+        std::string command = "rm -rf '" + workDir + "'";
+        (void)system(command.c_str());
+    }
+}
+
+RunResult FarmTest::run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
+    std::vector<std::string> env = {"KELSIM_DIR=" + stateDir, "PATH=/usr/bin:/bin", "LC_ALL=C"};
+    for (const char *keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LD_LIBRARY_PATH", "HOME"}) {
+        bool overridden = false;
+        for (const auto &extra : extraEnv) {
+            overridden = overridden || extra.rfind(std::string(keep) + "=", 0) == 0;
+        }
+        if (const char *value = getenv(keep); value != nullptr && !overridden) {
+            env.push_back(std::string(keep) + "=" + value);
+        }
+    }
+    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+
+    // Standard error goes to a file so that a chatty child never blocks on a full pipe.
+    std::string errPath = workDir + "/.stderr";
+    int outPipe[2];
+    if (pipe(outPipe) != 0) {
+        return {};
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(workDir.c_str()) != 0) {
+            _exit(127);
+        }
+        int errFd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(outPipe[1], 1);
+        dup2(errFd, 2);
+        close(outPipe[0]);
+        close(outPipe[1]);
+        int devNull = open("/dev/null", O_RDONLY);
+        dup2(devNull, 0);
+        std::vector<char *> argv, envp;
+        for (const auto &a : args) {
+            argv.push_back(const_cast<char *>(a.c_str()));
+        }
+        argv.push_back(nullptr);
+        for (const auto &e : env) {
+            envp.push_back(const_cast<char *>(e.c_str()));
+        }
+        envp.push_back(nullptr);
+        execve(argv[0], argv.data(), envp.data());
+        _exit(127);
+    }
+    close(outPipe[1]);
+    RunResult result;
+    result.out = slurpFd(outPipe[0]);
+    close(outPipe[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    std::ifstream errFile(errPath);
+    std::stringstream errText;
+    errText << errFile.rdbuf();
+    result.err = errText.str();
+    return result;
+}
+
+RunResult FarmTest::kelpth(const std::vector<std::string> &args) {
+    std::vector<std::string> full = {KELPTH_BINARY};
+    full.insert(full.end(), args.begin(), args.end());
+    return run(full);
+}
+
+RunResult FarmTest::kelsim(const std::vector<std::string> &args) {
+    std::vector<std::string> full = {KELSIM_BINARY};
+    full.insert(full.end(), args.begin(), args.end());
+    return run(full);
+}
+
+std::string FarmTest::readFile(const std::string &name) const {
+    std::ifstream file(workDir + "/" + name, std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+void FarmTest::writeFile(const std::string &name, const std::string &content) const {
+    std::ofstream file(workDir + "/" + name, std::ios::binary);
+    file << content;
+}
+
+std::string repeatByte(const std::string &hexByte, int count) {
+    std::string text;
+    for (int i = 0; i < count; i++) {
+        text += hexByte + " ";
+    }
+    return text;
+}

@@ -1,0 +1,37 @@
+// End-to-end harness: runs the built kelpth and kelsim in a fresh folder with a farm
+// of its own, and reads back the screen, the exit status, the trace log and the journal.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+struct RunResult {
+    int exitStatus = -1; // exit status, or 128 + signal number
+    std::string out;     // standard output
+    std::string err;     // standard error
+};
+
+class FarmTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Runs kelpth with these arguments (the program name is added) in workDir.
+    RunResult kelpth(const std::vector<std::string> &args);
+    // Runs kelsim with these arguments in workDir.
+    RunResult kelsim(const std::vector<std::string> &args);
+    // Runs any program with the farm's environment; args[0] is the program.
+    RunResult run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {});
+
+    std::string readFile(const std::string &name) const; // relative to workDir
+    void writeFile(const std::string &name, const std::string &content) const;
+    std::string traceLog() const { return readFile("kelpth.log"); }
+
+    std::string workDir;  // the current directory of every run
+    std::string stateDir; // KELSIM_DIR of every run
+};
+
+// "5A 5A ..." style check helpers.
+std::string repeatByte(const std::string &hexByte, int count);
