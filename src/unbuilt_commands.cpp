@@ -47,10 +47,6 @@ int32_t KelPDHDDErrorInjectionSet5() {
     return unbuiltMainCommand("KelPDHDDErrorInjectionSet5");
 }
 
-// PDHDDCapaChange: capacity change.
-int32_t KelPDHDDCapaChange() {
-    return unbuiltMainCommand("KelPDHDDCapaChange");
-}
 // P: fixed pass-through from a parameter file.
 int32_t KelFixAnyPassThrough() {
     return unbuiltMainCommand("KelFixAnyPassThrough");
@@ -82,14 +78,6 @@ int32_t KelLDOneOneStripeRead264() {
 // w64: stripe write, 64-bit address.
 int32_t KelLDOneOneStripeWrite264() {
     return unbuiltMainCommand("KelLDOneOneStripeWrite264");
-}
-// PDOneSectorRead on a SATA drive.
-int32_t KelPDOneSectorRead_SATA() {
-    return unbuiltSataCommand("KelPDOneSectorRead_SATA");
-}
-// PDOneSectorWrite on a SATA drive.
-int32_t KelPDOneSectorWrite_SATA() {
-    return unbuiltSataCommand("KelPDOneSectorWrite_SATA");
 }
 
 // e: SATA media error set.
