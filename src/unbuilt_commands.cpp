@@ -47,14 +47,6 @@ int32_t KelPDHDDErrorInjectionSet5() {
     return unbuiltMainCommand("KelPDHDDErrorInjectionSet5");
 }
 
-// P: fixed pass-through from a parameter file.
-int32_t KelFixAnyPassThrough() {
-    return unbuiltMainCommand("KelFixAnyPassThrough");
-}
-// ANY: free pass-through from a parameter file.
-int32_t KelFreAnyPassThrough() {
-    return unbuiltMainCommand("KelFreAnyPassThrough");
-}
 // R: stripe read from a parameter file.
 int32_t KelLDOneOneStripeRead() {
     return unbuiltMainCommand("KelLDOneOneStripeRead");

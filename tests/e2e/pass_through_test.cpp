@@ -1,0 +1,361 @@
+// End to end: the parameter-file pass-through commands P and ANY (SAS and SATA) on the
+// default farm, checked on the screen, in the exit status and in the sim's journal.
+#include "harness.h"
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace {
+
+const std::string kRule = std::string(77, '-') + "\n";
+const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
+
+// A parameter file from its value lines, each preceded by a comment line.
+std::string paramFile(const std::vector<std::string> &values) {
+    std::string text;
+    for (size_t i = 0; i < values.size(); i++) {
+        text += "// value " + std::to_string(i + 1) + "\n" + values[i] + "\n";
+    }
+    return text;
+}
+
+std::vector<std::string> lines(const std::string &text) {
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        result.push_back(line);
+    }
+    return result;
+}
+
+// The part of a journal line from the function name to the end of the CDB.
+std::string journalCall(const std::string &line) {
+    const size_t name = line.find(' ') + 1;
+    return line.substr(name, line.find(" len=") - name);
+}
+
+std::string journalField(const std::string &line, const std::string &field) {
+    const size_t at = line.find(" " + field + "=");
+    if (at == std::string::npos) {
+        return "";
+    }
+    const size_t start = at + field.size() + 2;
+    return line.substr(start, line.find(' ', start) - start);
+}
+
+const std::string kRead10 = "28000000000000000100";
+const std::string kWrite10 = "2A000000000000000100";
+// ATA PASS-THROUGH(16) blocks: IDENTIFY DEVICE, and READ/WRITE SECTOR(S) EXT of one
+// block at LBA 0x100, FLUSH CACHE EXT (no data).
+const std::string kIdentify = "85080E0000000100000000000000EC00";
+const std::string kReadExt = "85090E00000001000000010000402400";
+const std::string kWriteExt = "850B0600000001000000010000403400";
+const std::string kFlushCacheExt = "8507000000000000000000000040EA00";
+
+class PassThrough : public FarmTest {
+  protected:
+    RunResult runWith(const std::string &command, const std::string &content) {
+        writeFile("param.txt", content);
+        return kelpth({command, "param.txt"});
+    }
+    std::vector<std::string> journal() { return lines(kelsim({"journal"}).out); }
+    std::string header() { return "Parameter Filename :" + workDir + "/param.txt\n"; }
+};
+
+TEST_F(PassThrough, FixedReadIsSplitIntoChunksWhoseAddressMovesByTheByteCount) {
+    // READ(10) of 0x100 blocks from LBA 0x1000 of slot 2.
+    RunResult run = runWith("P", paramFile({"0", "0", "2", "28000000100000010000", "0"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    const std::string expectedStart = header() + "RAID Controller No.0\nPhysical Drive No.2\n\n[CDB] Size=12\n" +
+                                      kRule +
+                                      "00000000: BB 02 28 00 00 00 10 00  00 01 00 00              ............\n\n"
+                                      "[Command Result] Size=131072\n" +
+                                      kRule + "00000000: ";
+    EXPECT_EQ(run.out.substr(0, expectedStart.size()), expectedStart);
+    EXPECT_NE(run.out.find("\n00001FF0: "), std::string::npos) << "offsets run on across the chunks";
+    EXPECT_EQ(run.out.find("[Command Result]", expectedStart.size()), std::string::npos) << "one header only";
+
+    const std::vector<std::string> sent = journal();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(journalCall(sent[0]),
+              "KelPasAnyCommand ctl=0 pd=2 if=0 dir=1 ata=0 cdb=BB 02 28 00 00 00 10 00 00 00 80 00");
+    EXPECT_EQ(journalCall(sent[1]),
+              "KelPasAnyCommand ctl=0 pd=2 if=0 dir=1 ata=0 cdb=BB 02 28 00 00 01 10 00 00 00 80 00");
+    EXPECT_EQ(journalField(sent[0], "len"), "65536");
+    EXPECT_EQ(journalField(sent[1], "len"), "65536");
+}
+
+TEST_F(PassThrough, FixedWriteFillsFFAndItsSecondChunkLandsAByteCountFurther) {
+    RunResult run = runWith("P", paramFile({"0", "0", "2", "2A000000200000010000", "1"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_EQ(run.out, header() + "RAID Controller No.0\nPhysical Drive No.2\n\n[CDB] Size=12\n" + kRule +
+                           "00000000: BA 02 2A 00 00 00 20 00  00 01 00 00              ............\n\n");
+    std::vector<std::string> sent = journal();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(journalCall(sent[1]),
+              "KelPasAnyCommand ctl=0 pd=2 if=0 dir=0 ata=0 cdb=BA 02 2A 00 00 01 20 00 00 00 80 00");
+
+    // Block 0x12000 holds the second chunk; block 0x2080 was never written.
+    const std::string ffRow = repeatByte("FF", 8) + " " + repeatByte("FF", 8) + " " + std::string(16, '.') + "\n";
+    run = runWith("ANY", paramFile({"0", "2", "28000001200000000100", "0", "0x200"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_NE(run.out.find("000001F0: " + ffRow), std::string::npos) << run.out;
+    run = runWith("ANY", paramFile({"0", "2", "28000000208000000100", "0", "0x200"}));
+    EXPECT_EQ(run.out.find("FF FF"), std::string::npos) << run.out;
+}
+
+TEST_F(PassThrough, FixedCommandsWithFixedLengths) {
+    // TEST UNIT READY: one command with a one-byte buffer, shown as one byte.
+    RunResult run = runWith("P", paramFile({"0", "x", "0", "000000000000", "0"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_NE(run.out.find("[Command Result] Size=1\n" + kRule + "00000000: "), std::string::npos) << run.out;
+    std::vector<std::string> sent = journal();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(journalField(sent[0], "len"), "1");
+
+    // INQUIRY with allocation length 0x60: one 96-byte read, the CDB as written.
+    ASSERT_EQ(kelsim({"journal", "--clear"}).exitStatus, 0);
+    run = runWith("P", paramFile({"0", "0", "0", "120000006000", "0"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_NE(run.out.find("[Command Result] Size=96\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("SIMDISK"), std::string::npos) << run.out;
+    sent = journal();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(journalCall(sent[0]), "KelPasAnyCommand ctl=0 pd=0 if=0 dir=1 ata=0 cdb=BB 00 12 00 00 00 60 00");
+
+    // An opcode the command does not know has no length: nothing is sent.
+    ASSERT_EQ(kelsim({"journal", "--clear"}).exitStatus, 0);
+    run = runWith("P", paramFile({"0", "0", "0", "A00000000000", "0"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_EQ(run.out.find("Command Result"), std::string::npos);
+    EXPECT_TRUE(journal().empty());
+}
+
+TEST_F(PassThrough, FixedRefusesSataDrivesBeforeTheCdb) {
+    RunResult run = runWith("P", paramFile({"0", "0", "4", "not a cdb", "0"}));
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.out, header() + "RAID Controller No.0\nPhysical Drive No.4\n\n"
+                                  "KEL0024-E <SATA> drive does not support this command.\n");
+    EXPECT_TRUE(journal().empty());
+}
+
+TEST_F(PassThrough, ParameterFilesThatCannotBeResolvedOrOpened) {
+    for (const char *command : {"P", "ANY"}) {
+        RunResult missing = kelpth({command, "missing.txt"});
+        EXPECT_EQ(missing.exitStatus, 1);
+        EXPECT_EQ(missing.out, "KEL0004-E realpath() failed. detail=No such file or directory\n" + kAbnormalEnd);
+    }
+    // A write-only kernel attribute cannot be opened for reading, even by root.
+    const char *writeOnly = "/sys/bus/pci/rescan";
+    if (access(writeOnly, F_OK) != 0) {
+        GTEST_SKIP() << writeOnly << " is not on this machine";
+    }
+    for (const char *command : {"P", "ANY"}) {
+        RunResult unreadable = kelpth({command, writeOnly});
+        EXPECT_EQ(unreadable.exitStatus, 1);
+        EXPECT_EQ(unreadable.out,
+                  "KEL0006-E Parameter file open error. errno=13, detail=Permission denied\n" + kAbnormalEnd);
+    }
+    EXPECT_TRUE(journal().empty());
+}
+
+TEST_F(PassThrough, FreeInquiryReturnsTheDriveIdentification) {
+    RunResult run = runWith("ANY", paramFile({"0", "0", "120000006000", "0", "0x60"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_EQ(run.out.substr(0, run.out.find("[Command Result]")),
+              header() + "RAID Controller No.0\nPhysical Drive No.0\n\n[CDB] Size=8\n" + kRule +
+                  "00000000: BB 00 12 00 00 00 60 00                           ........\n\n");
+    EXPECT_NE(run.out.find("SIMDISK"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("SD1K073RC"), std::string::npos) << run.out;
+    const std::vector<std::string> sent = journal();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(journalField(sent[0], "len"), "96");
+}
+
+TEST_F(PassThrough, FreeWriteRepeatsItsDataAndReadsBack) {
+    // Write one block at LBA 0x10 of slot 1, filled by repeating eight bytes.
+    RunResult run =
+        runWith("ANY", paramFile({"0", "1", "2A000000001000000100", "1", "0x200", "1", "0011223344556677"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_EQ(run.out, header() + "RAID Controller No.0\nPhysical Drive No.1\n\n[CDB] Size=12\n" + kRule +
+                           "00000000: BA 01 2A 00 00 00 00 10  00 00 01 00              ............\n\n");
+
+    run = runWith("ANY", paramFile({"0", "1", "28000000001000000100", "0", "0x200"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    const std::string row = "00 11 22 33 44 55 66 77  00 11 22 33 44 55 66 77  ...3DUfw...3DUfw\n";
+    EXPECT_NE(run.out.find("[Command Result] Size=512\n" + kRule + "00000000: " + row), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("000001F0: " + row), std::string::npos) << run.out;
+
+    // Without repetition the Data lines follow each other and the rest stays zeros.
+    run = runWith("ANY", paramFile({"0", "1", "2A000000002000000100", "1", "0x200", "0", "AABB", "CC"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    run = runWith("ANY", paramFile({"0", "1", "28000000002000000100", "0", "0x200"}));
+    EXPECT_NE(run.out.find("00000000: AA BB CC 00 00 00 00 00  00 00"), std::string::npos) << run.out;
+
+    // A Data line that runs past the length is stored up to the length; lines after
+    // that are ignored.
+    const std::string fullLine(1022, 'E'); // 511 bytes of 0xEE
+    run =
+        runWith("ANY", paramFile({"0", "1", "2A000000003000000100", "1", "0x200", "0", fullLine, "1122", "33", "zz"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    run = runWith("ANY", paramFile({"0", "1", "28000000003000000100", "0", "0x200"}));
+    EXPECT_NE(run.out.find("000001F0: " + repeatByte("EE", 8) + " " + repeatByte("EE", 7) + "11 "), std::string::npos)
+        << run.out;
+}
+
+TEST_F(PassThrough, FreeFileEndsAndZeroLengths) {
+    // A read of length 0 is refused by the allocation and sends nothing.
+    RunResult run = runWith("ANY", paramFile({"0", "3", "28000000000000000100", "0", "0"}));
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0021-E Please do not specify 0 or less for a size of data.\n" + kAbnormalEnd),
+              std::string::npos)
+        << run.out;
+    EXPECT_TRUE(journal().empty());
+
+    // A write with a length and Continuousness but no Data line is incomplete.
+    run = runWith("ANY", paramFile({"0", "3", "2A000000000000000100", "1", "0x200", "1"}));
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0014-E Parameter error. argno=*"), std::string::npos) << run.out;
+    EXPECT_TRUE(journal().empty());
+
+    // A write of length 0 sends the CDB alone.
+    run = runWith("ANY", paramFile({"0", "3", "35000000000000000000", "1", "0"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    const std::vector<std::string> sent = journal();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(journalField(sent[0], "len"), "0");
+}
+
+TEST_F(PassThrough, FreeLibraryFailureIsReported) {
+    ASSERT_EQ(kelsim({"fault", "pass-status", "8"}).exitStatus, 0);
+    RunResult run = runWith("ANY", paramFile({"0", "3", "28000000000000000100", "0", "0x200"}));
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("\n\nKEL0023-E Request time out.\n" + kAbnormalEnd), std::string::npos) << run.out;
+}
+
+TEST_F(PassThrough, SataIdentifyWithWordSwapShowsTheModel) {
+    RunResult run = runWith("ANY", paramFile({"0", "4", kIdentify, "0", "1", "1", "1"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_EQ(run.out.substr(0, run.out.find("[Command Result]")),
+              header() + "RAID Controller No.0\nPhysical Drive No.4\n\n[CDB] Size=16\n" + kRule +
+                  "00000000: 85 08 0E 00 00 00 01 00  00 00 00 00 00 00 EC 00  ................\n\n");
+    EXPECT_NE(run.out.find("[Command Result] Size=512\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("MQX5108SIM"), std::string::npos) << run.out;
+    const std::vector<std::string> sent = journal();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(journalCall(sent[0]), "KelPasAnyCommand ctl=0 pd=4 if=1 dir=1 ata=1 cdb=85 08 0E 00 00 00 01 00 00 00 "
+                                    "00 00 00 00 EC 00");
+    EXPECT_EQ(journalField(sent[0], "len"), "512");
+    EXPECT_NE(traceLog().find("CALL - getFlagOnOrNot(Word block change on or not)"), std::string::npos);
+
+    // Unswapped, the model's characters come pairwise reversed.
+    run = runWith("ANY", paramFile({"0", "4", kIdentify, "0", "1", "1", "0"}));
+    EXPECT_EQ(run.out.find("MQX5108SIM"), std::string::npos);
+    EXPECT_NE(run.out.find("QM5X01S8MI"), std::string::npos) << run.out;
+}
+
+TEST_F(PassThrough, SataNoDataAndIncompleteFiles) {
+    // FLUSH CACHE EXT with direction 2 ends the file: no buffer, no length, no result.
+    RunResult run = runWith("ANY", paramFile({"0", "4", kFlushCacheExt, "2"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_EQ(run.out.find("Command Result"), std::string::npos);
+    const std::vector<std::string> sent = journal();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(journalField(sent[0], "dir"), "2");
+    EXPECT_EQ(journalField(sent[0], "len"), "0");
+
+    // A read that ends after the unit line names the number of lines read.
+    ASSERT_EQ(kelsim({"journal", "--clear"}).exitStatus, 0);
+    run = runWith("ANY", paramFile({"0", "4", kIdentify, "0", "1", "1"}));
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0014-E Parameter error. argno=6\n" + kAbnormalEnd), std::string::npos) << run.out;
+    // So does a write with a length and no Data line.
+    run = runWith("ANY", paramFile({"0", "4", kWriteExt, "1", "1", "1", "1"}));
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0014-E Parameter error. argno=7\n" + kAbnormalEnd), std::string::npos) << run.out;
+    EXPECT_TRUE(journal().empty());
+}
+
+TEST_F(PassThrough, SataWriteBlocksAndReadBack) {
+    // WRITE SECTOR(S) EXT of one block at LBA 0x100, length counted in blocks, data repeated.
+    RunResult run = runWith("ANY", paramFile({"0", "5", kWriteExt, "1", "1", "1", "1", "C0FFEE"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    std::vector<std::string> sent = journal();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(journalField(sent[0], "ata"), "1");
+    EXPECT_EQ(journalField(sent[0], "len"), "512");
+
+    // READ SECTOR(S) EXT of the same block, length in bytes, no swap.
+    run = runWith("ANY", paramFile({"0", "5", kReadExt, "0", "0x200", "0", "0"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_NE(run.out.find("00000000: C0 FF EE C0 FF EE C0 FF  EE C0 FF EE C0 FF EE C0"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("\n000001F0: "), std::string::npos);
+    sent = journal();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(journalField(sent[1], "ata"), "0");
+}
+
+// Every label a bad line of these commands is refused with, and nothing is sent.
+struct Refusal {
+    const char *name;
+    const char *command;
+    std::vector<std::string> values;
+    const char *label;
+};
+
+class RefusedLine : public PassThrough, public ::testing::WithParamInterface<Refusal> {};
+
+TEST_P(RefusedLine, ReportsItsLabelAndSendsNothing) {
+    const Refusal &refusal = GetParam();
+    RunResult run = runWith(refusal.command, paramFile(refusal.values));
+    EXPECT_EQ(run.exitStatus, 1);
+    const std::string expectedEnd =
+        std::string("KEL0022-E Ileagal Parameter. detail=") + refusal.label + "\n" + kAbnormalEnd;
+    ASSERT_GE(run.out.size(), expectedEnd.size()) << run.out;
+    EXPECT_EQ(run.out.substr(run.out.size() - expectedEnd.size()), expectedEnd) << run.out;
+    EXPECT_TRUE(journal().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    LabelTable, RefusedLine,
+    ::testing::Values(
+        Refusal{"P_ControllerNo", "P", {"A", "0", "0", kRead10, "0"}, "Controller No"},
+        Refusal{"ANY_ControllerNo", "ANY", {"10", "0", kRead10, "0", "0x200"}, "Controller No"},
+        Refusal{"P_DriveNo", "P", {"0", "0", "0 ", kRead10, "0"}, "Drive No"},
+        Refusal{"ANY_DriveNo", "ANY", {"0", "x", kRead10, "0", "0x200"}, "Drive No"},
+        Refusal{"P_Cdb", "P", {"0", "0", "0", "28G0", "0"}, "CDB"},
+        Refusal{"ANY_Cdb", "ANY", {"0", "0", "2800 00", "0", "0x200"}, "CDB"},
+        Refusal{"SATA_Cdb", "ANY", {"0", "4", "85ZZ", "0", "1"}, "CDB"},
+        Refusal{"P_Direction", "P", {"0", "0", "0", kRead10, "2"}, "Direction"},
+        Refusal{"ANY_Direction", "ANY", {"0", "0", kRead10, "2", "0x200"}, "Direction"},
+        Refusal{"SATA_Direction", "ANY", {"0", "4", kIdentify, "3", "1"}, "Direction"},
+        Refusal{"P_Address", "P", {"0", "0", "0", "2800001", "0"}, "Address"},
+        Refusal{"P_DataLength", "P", {"0", "0", "0", "2800000010000001", "0"}, "Data Length"},
+        Refusal{"ANY_DataLength", "ANY", {"0", "0", kRead10, "0", "0X10"}, "Data Length"},
+        Refusal{"SATA_DataLength", "ANY", {"0", "4", kIdentify, "0", "123456789"}, "Data Length"},
+        Refusal{"ANY_DataLengthLine", "ANY", {"0", "0", kWrite10, "1", "2", "0", "001122"}, "Data Length"},
+        Refusal{"ANY_Over64K", "ANY", {"0", "0", kRead10, "0", "0x10001"}, "Data Length: Send max size over 64K bytes"},
+        Refusal{
+            "SATA_Over64K", "ANY", {"0", "4", kIdentify, "0", "0x10001"}, "Data Length: Send max size over 64K bytes"},
+        Refusal{"SATA_BlocksOver64K",
+                "ANY",
+                {"0", "4", kIdentify, "0", "0x81", "1", "1"},
+                "Data Length: Send max size over 64K bytes"},
+        Refusal{"SATA_BytesOver64KLess1",
+                "ANY",
+                {"0", "4", kIdentify, "0", "0x10000", "0", "1"},
+                "Data Length: When Tx unit is BYTE send max size over 64K bytes - 1"},
+        Refusal{"ANY_Continuousness", "ANY", {"0", "0", kWrite10, "1", "0x200", "2", "00"}, "Continuousness"},
+        Refusal{"SATA_Continuousness", "ANY", {"0", "4", kWriteExt, "1", "1", "1", "9", "00"}, "Continuousness"},
+        Refusal{"SATA_Unit", "ANY", {"0", "4", kIdentify, "0", "1", "2", "1"}, "A unit of transfer length"},
+        Refusal{"SATA_WordSwap", "ANY", {"0", "4", kIdentify, "0", "1", "1", "01"}, "Word block change on or not"},
+        Refusal{"ANY_Data", "ANY", {"0", "0", kWrite10, "1", "0x200", "0", "00G1"}, "Data"},
+        Refusal{"ANY_DataNothingToRepeat", "ANY", {"0", "0", kWrite10, "1", "0x200", "1", "A"}, "Data"},
+        Refusal{"SATA_Data", "ANY", {"0", "4", kWriteExt, "1", "1", "1", "0", "XY"}, "Data"},
+        Refusal{"SATA_DataTooLong", "ANY", {"0", "4", kWriteExt, "1", "2", "0", "0", "001122"}, "Data Length"}),
+    [](const ::testing::TestParamInfo<Refusal> &info) { return std::string(info.param.name); });
+
+} // namespace
