@@ -1,6 +1,6 @@
-// Placeholders for the commands not built yet, so that the program links. Each
-// one traces its entry, says the command is not supported and fails; delete a
-// stub when its real handler arrives.
+// Placeholders for the commands not built yet, so that the program links. Each one
+// traces its entry, says the command is not supported and fails; delete a stub when
+// its real handler arrives.
 #define KEL_MODULE "KelPthCmd"
 #include "kelpth/handlers.h"
 #include "kelpth/messages.h"
@@ -45,31 +45,6 @@ int32_t KelPDPrintModePage() {
 // N5: error injection, second form.
 int32_t KelPDHDDErrorInjectionSet5() {
     return unbuiltMainCommand("KelPDHDDErrorInjectionSet5");
-}
-
-// R: stripe read from a parameter file.
-int32_t KelLDOneOneStripeRead() {
-    return unbuiltMainCommand("KelLDOneOneStripeRead");
-}
-// W: stripe write from a parameter file.
-int32_t KelLDOneOneStripeWrite() {
-    return unbuiltMainCommand("KelLDOneOneStripeWrite");
-}
-// r: stripe read.
-int32_t KelLDOneOneStripeRead2() {
-    return unbuiltMainCommand("KelLDOneOneStripeRead2");
-}
-// w: stripe write.
-int32_t KelLDOneOneStripeWrite2() {
-    return unbuiltMainCommand("KelLDOneOneStripeWrite2");
-}
-// r64: stripe read, 64-bit address.
-int32_t KelLDOneOneStripeRead264() {
-    return unbuiltMainCommand("KelLDOneOneStripeRead264");
-}
-// w64: stripe write, 64-bit address.
-int32_t KelLDOneOneStripeWrite264() {
-    return unbuiltMainCommand("KelLDOneOneStripeWrite264");
 }
 
 // e: SATA media error set.
