@@ -13,6 +13,8 @@
 namespace {
 
 constexpr uint32_t kBytesPerRow = 16;
+constexpr size_t kRowSize = 80; // the longest row is 78 characters with its newline
+constexpr size_t kRowsPerBlock = 256;
 constexpr uint32_t kLargestBuffer = 0x10000;
 const char kHexDigits[] = "0123456789ABCDEF";
 
@@ -67,13 +69,18 @@ uint32_t KelPasPrintData(const char *title, const uint8_t *data, uint32_t size, 
     if (startRow == 0) {
         printf("-----------------------------------------------------------------------------\n");
     }
+    // Rows are gathered into blocks so that a stripe's 8192 rows take a few writes.
     const uint32_t rows = size / kBytesPerRow + (size % kBytesPerRow != 0 ? 1 : 0);
-    char row[96];
+    char block[kRowsPerBlock * kRowSize];
+    size_t filled = 0;
     for (uint32_t r = 0; r < rows; r++) {
         const uint32_t first = r * kBytesPerRow;
         const uint32_t count = size - first < kBytesPerRow ? size - first : kBytesPerRow;
-        const size_t length = formatRow(row, (startRow + r) * kBytesPerRow, data + first, count);
-        fwrite(row, 1, length, stdout);
+        filled += formatRow(block + filled, (startRow + r) * kBytesPerRow, data + first, count);
+        if (filled > sizeof block - kRowSize || r + 1 == rows) {
+            fwrite(block, 1, filled, stdout);
+            filled = 0;
+        }
     }
     if (strncmp(title, "CDB", 3) == 0) {
         dumpLog(nullptr, 0, "## CDB", data, size);
