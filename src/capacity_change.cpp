@@ -20,11 +20,6 @@ namespace {
 constexpr uint32_t kParameterListLength = 12;
 constexpr size_t kMaxCapacityDigits = 8;
 
-struct FreeDeleter {
-    void operator()(uint8_t *buffer) const { free(buffer); }
-};
-using AllocatedData = std::unique_ptr<uint8_t, FreeDeleter>;
-
 // Mode parameter header (no mode data, no medium type) and one block descriptor:
 // the number of blocks, then a block length of 512.
 void buildCapacityParameterList(uint8_t *list, uint32_t blocks) {
@@ -92,7 +87,7 @@ int32_t KelPDHDDCapaChange() {
     if (!MakeAllocData(&allocated, kParameterListLength)) {
         return 0;
     }
-    AllocatedData parameterList(allocated);
+    DataBuffer parameterList(allocated);
     buildCapacityParameterList(parameterList.get(), capacity);
     showCdb(request);
     return sendDataOut(KEL_HERE, KelPasModeSelect, &request, parameterList.get(), kParameterListLength, &sense);

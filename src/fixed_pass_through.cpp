@@ -21,10 +21,8 @@
 
 namespace {
 
-constexpr size_t kWrapBytes = 2; // wrapper opcode and drive number ahead of the inner CDB
 constexpr uint32_t kLargestChunk = 0x10000;
 constexpr uint32_t kLargestTransfer = 0x200000;
-constexpr uint8_t kReadCapacity10 = 0x25;
 constexpr uint8_t kReadBuffer = 0x3C;
 constexpr uint8_t kReadBufferDataMode = 2;
 
@@ -126,11 +124,6 @@ int refuseNullRequest() {
     return 0;
 }
 
-struct FreeDeleter {
-    void operator()(uint8_t *buffer) const { free(buffer); }
-};
-using DataBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
-
 } // namespace
 
 uint32_t KelPthGetAddress(int32_t opcode, const char *cdbText, uint32_t *ok) {
@@ -223,32 +216,17 @@ int32_t KelFixAnyPassThrough() {
             break;
         }
         switch (file.valueLineCount()) {
-        case 1: {
-            long controllerNo = 0;
-            if (readDigitLine(KEL_HERE, kInlineLineRules, line, "Controller No", &controllerNo) == 0) {
+        case 1:
+            if (readControllerLine(KEL_HERE, line, &request) == 0) {
                 return 0;
             }
-            request.controllerNo = static_cast<uint8_t>(controllerNo);
-            if (ControllerCheck(KEL_HERE, request.controllerNo) == 0) {
-                return 0;
-            }
-            showControllerNo(request.controllerNo);
             break;
-        }
         case 2: // a placeholder: any text, but the line must be there
             break;
         case 3: {
-            long driveNo = 0;
-            if (readDigitLine(KEL_HERE, kInlineLineRules, line, "Drive No", &driveNo) == 0) {
+            if (readPhysicalDriveLine(KEL_HERE, line, &request) == 0) {
                 return 0;
             }
-            request.driveNo = static_cast<uint8_t>(driveNo);
-            request.cdb[1] = request.driveNo;
-            if (DriveCheck(KEL_HERE, request.controllerNo, request.driveNo, kPhysicalDrive) == 0) {
-                return 0;
-            }
-            showPhysicalDriveNo(request.driveNo);
-            printf("\n");
             if (getHddType(request.controllerNo, request.driveNo, &request.interfaceType) == 1 &&
                 request.interfaceType == kInterfaceSata) {
                 KelPthErr0024(KEL_HERE, "SATA");

@@ -19,17 +19,10 @@
 
 namespace {
 
-constexpr size_t kWrapBytes = 2; // wrapper opcode and drive number ahead of the inner CDB
-constexpr uint8_t kReadCapacity10 = 0x25;
 constexpr uint32_t kReadCapacity10Length = 8;
 
 // The Data Length line is not checked for text after the number.
 constexpr LineRules kDataLengthRules{{true, false}, nullptr, nullptr};
-
-struct FreeDeleter {
-    void operator()(uint8_t *buffer) const { free(buffer); }
-};
-using DataBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
 
 } // namespace
 
@@ -57,30 +50,15 @@ int32_t KelFreAnyPassThrough() {
             break;
         }
         switch (file.valueLineCount()) {
-        case 1: {
-            long controllerNo = 0;
-            if (readDigitLine(KEL_HERE, kInlineLineRules, line, "Controller No", &controllerNo) == 0) {
+        case 1:
+            if (readControllerLine(KEL_HERE, line, &request) == 0) {
                 return 0;
             }
-            request.controllerNo = static_cast<uint8_t>(controllerNo);
-            if (ControllerCheck(KEL_HERE, request.controllerNo) == 0) {
-                return 0;
-            }
-            showControllerNo(request.controllerNo);
             break;
-        }
         case 2: {
-            long driveNo = 0;
-            if (readDigitLine(KEL_HERE, kInlineLineRules, line, "Drive No", &driveNo) == 0) {
+            if (readPhysicalDriveLine(KEL_HERE, line, &request) == 0) {
                 return 0;
             }
-            request.driveNo = static_cast<uint8_t>(driveNo);
-            request.cdb[1] = request.driveNo;
-            if (DriveCheck(KEL_HERE, request.controllerNo, request.driveNo, kPhysicalDrive) == 0) {
-                return 0;
-            }
-            showPhysicalDriveNo(request.driveNo);
-            printf("\n");
             if (getHddType(request.controllerNo, request.driveNo, &request.interfaceType) == 1 &&
                 request.interfaceType == kInterfaceSata) {
                 file.close();

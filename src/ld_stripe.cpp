@@ -20,10 +20,6 @@
 
 namespace {
 
-struct FreeBuffer {
-    void operator()(uint8_t *buffer) const { free(buffer); }
-};
-
 void putBigEndian(uint8_t *at, size_t bytes, uint64_t value) {
     for (size_t i = 0; i < bytes; i++) {
         at[bytes - 1 - i] = static_cast<uint8_t>(value >> (8 * i));
@@ -51,14 +47,9 @@ int readStripeParamFile(char *fileName, PassThroughRequest *request, uint32_t *l
         uint64_t address = 0;
         switch (file.valueLineCount()) {
         case 1:
-            if (!readDigitLine(KEL_HERE, kInlineLineRules, text, "Controller No", &number)) {
+            if (!readControllerLine(KEL_HERE, text, request)) {
                 return 0;
             }
-            request->controllerNo = static_cast<uint8_t>(number);
-            if (!ControllerCheck(KEL_HERE, request->controllerNo)) {
-                return 0;
-            }
-            showControllerNo(request->controllerNo);
             break;
         case 2:
             if (!readDigitLine(KEL_HERE, kInlineLineRules, text, "Drive No", &number)) {
@@ -139,7 +130,7 @@ int transferStripeHalves(const char *module, int line, PassThroughRequest *reque
     if (!MakeAllocData(&allocated, kStripeHalfBytes)) {
         return 0;
     }
-    const std::unique_ptr<uint8_t, FreeBuffer> buffer(allocated);
+    const DataBuffer buffer(allocated);
     SenseArea sense;
     const bool reading = request->direction == KEL_DIR_IN;
     uint32_t rowsShown = 0;

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kelpth/checks.h"
+#include "kelpth/command_steps.h"
 #include "kelpth/messages.h"
 #include "kelpth/trace.h"
 
@@ -232,5 +234,33 @@ int appendDataLine(const char *module, int line, const LineRules &rules, const c
         memcpy(buffer + *filled, staged.data(), stored);
     }
     *filled += static_cast<uint32_t>(stored);
+    return 1;
+}
+
+int readControllerLine(const char *module, int line, char *text, PassThroughRequest *request) {
+    long controllerNo = 0;
+    if (readDigitLine(module, line, kInlineLineRules, text, "Controller No", &controllerNo) == 0) {
+        return 0;
+    }
+    request->controllerNo = static_cast<uint8_t>(controllerNo);
+    if (ControllerCheck(module, line, request->controllerNo) == 0) {
+        return 0;
+    }
+    showControllerNo(request->controllerNo);
+    return 1;
+}
+
+int readPhysicalDriveLine(const char *module, int line, char *text, PassThroughRequest *request) {
+    long driveNo = 0;
+    if (readDigitLine(module, line, kInlineLineRules, text, "Drive No", &driveNo) == 0) {
+        return 0;
+    }
+    request->driveNo = static_cast<uint8_t>(driveNo);
+    request->cdb[1] = request->driveNo;
+    if (DriveCheck(module, line, request->controllerNo, request->driveNo, kPhysicalDrive) == 0) {
+        return 0;
+    }
+    showPhysicalDriveNo(request->driveNo);
+    printf("\n");
     return 1;
 }

@@ -26,11 +26,6 @@ constexpr uint32_t kLargestByteTransfer = 0xFFFF;
 constexpr uint32_t kEmptySwap = 0xE0000000;
 constexpr uint32_t kUnknownSwapMode = 0xE0000001;
 
-struct FreeDeleter {
-    void operator()(uint8_t *buffer) const { free(buffer); }
-};
-using DataBuffer = std::unique_ptr<uint8_t, FreeDeleter>;
-
 int refuse(int line, const char *label) {
     KelPthErr0022(KEL_MODULE, line, label);
     KelPthErr0002(KEL_MODULE, line);

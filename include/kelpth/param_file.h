@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "kelpth.h"
 #include "kelpth/value_syntax.h"
 
 // Where one caller's checks differ from another's.
@@ -71,6 +72,14 @@ int reportIncompleteFile(const char *module, int line, int32_t argNo);
 
 // Exactly one decimal digit, converted base 16.
 int readDigitLine(const char *module, int line, const LineRules &rules, char *text, const char *label, long *value);
+
+// The main module's controller line: one digit, ControllerCheck, then its progress line.
+// Gives 0 after the failure's messages.
+int readControllerLine(const char *module, int line, char *text, PassThroughRequest *request);
+
+// The main module's physical-drive line: one digit, also put in the wrapper's byte 1,
+// DriveCheck, then its progress line and a blank line. Gives 0 after the failure's messages.
+int readPhysicalDriveLine(const char *module, int line, char *text, PassThroughRequest *request);
 
 // One decimal digit (atoi) from 0 to highest.
 int readChoiceLine(const char *module, int line, const LineRules &rules, char *text, const char *label, long highest,
