@@ -7,6 +7,7 @@
 
 #include "kelpth.h"
 #include "kelpth/checks.h"
+#include "kelpth/command_codes.h"
 #include "kelpth/command_steps.h"
 #include "kelpth/dump.h"
 #include "kelpth/functbl.h"
@@ -41,35 +42,21 @@ int32_t KelPDHDDCapaChange() {
     SenseArea sense;
     char **argv = functbl[kTblCapaChange].argv;
 
-    long controllerNo = 0;
-    if (!readNumberArgument(KEL_HERE, argv[2], "Controller No", &controllerNo)) {
-        return 0;
-    }
-    request.controllerNo = static_cast<uint8_t>(controllerNo);
-    if (!ControllerCheck(KEL_HERE, static_cast<int>(controllerNo))) {
+    if (!readDriveTarget(KEL_HERE, argv[2], argv[3], kPhysicalDrive, &request)) {
         return 0;
     }
     request.direction = KEL_DIR_OUT;
-    request.cdb[0] = 0xBA; // wrapper: data to the drive
-
-    long driveNo = 0;
-    if (!readNumberArgument(KEL_HERE, argv[3], "Drive No", &driveNo)) {
-        return 0;
-    }
-    if (!DriveCheck(KEL_HERE, static_cast<int>(controllerNo), static_cast<int>(driveNo), kPhysicalDrive)) {
-        return 0;
-    }
-    request.driveNo = static_cast<uint8_t>(driveNo);
-    request.cdb[1] = static_cast<uint8_t>(driveNo);
+    request.cdb[0] = kWrapDataOut;
+    request.cdb[1] = request.driveNo;
     request.cdb[2] = 0x15; // MODE SELECT(6)
     request.cdb[3] = 0x01; // SP: the drive keeps the new capacity
     request.cdb[6] = kParameterListLength;
     request.cdbLength = 8;
 
-    showControllerNo(static_cast<int>(controllerNo));
-    showPhysicalDriveNo(static_cast<int>(driveNo));
+    showControllerNo(request.controllerNo);
+    showPhysicalDriveNo(request.driveNo);
 
-    if (getHddType(static_cast<int>(controllerNo), static_cast<int>(driveNo), &request.interfaceType) == 1 &&
+    if (getHddType(request.controllerNo, request.driveNo, &request.interfaceType) == 1 &&
         request.interfaceType == kInterfaceSata) {
         return KelPDHDDCapaChange_SATA();
     }

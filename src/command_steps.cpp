@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "kelpth/checks.h"
 #include "kelpth/dump.h"
 #include "kelpth/messages.h"
 #include "kelpth/trace.h"
@@ -22,6 +23,24 @@ int readNumberArgument(const char *module, int line, char *text, const char *lab
         return 0;
     }
     return 1;
+}
+
+int readDriveTarget(const char *module, int line, char *controllerText, char *driveText, int driveKind,
+                    PassThroughRequest *request) {
+    long controllerNo = 0;
+    if (!readNumberArgument(module, line, controllerText, "Controller No", &controllerNo)) {
+        return 0;
+    }
+    request->controllerNo = static_cast<uint8_t>(controllerNo);
+    if (!ControllerCheck(module, line, request->controllerNo)) {
+        return 0;
+    }
+    long driveNo = 0;
+    if (!readNumberArgument(module, line, driveText, "Drive No", &driveNo)) {
+        return 0;
+    }
+    request->driveNo = static_cast<uint8_t>(driveNo);
+    return DriveCheck(module, line, request->controllerNo, request->driveNo, driveKind);
 }
 
 int readAddressArgument(const char *module, int line, char *text, uint32_t *lba) {
@@ -51,6 +70,11 @@ void showLogicalDriveNo(int driveNo) {
 void showLogicalBlockAddress(uint32_t lba, const char *screenLineEnd) {
     printf("Logical Block Address : 0x%08X%s", lba, screenLineEnd);
     traceLine("## Logical Block Address : 0x%08X", lba);
+}
+
+void showWideLogicalBlockAddress(uint64_t lba, int digits) {
+    printf("Logical Block Address : 0x%0*llX\n", digits, static_cast<unsigned long long>(lba));
+    traceLine("## Logical Block Address : 0x%0*llX", digits, static_cast<unsigned long long>(lba));
 }
 
 void showCdb(const PassThroughRequest &request) {

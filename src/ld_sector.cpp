@@ -20,20 +20,7 @@ namespace {
 // all three and the CDB: everything before the call, shared by the read and the write.
 int prepareSectorCommand(int line, char **argv, uint8_t direction, uint8_t opcode, PassThroughRequest *request) {
     request->targetKind = KEL_TARGET_LOGICAL;
-    long controllerNo = 0;
-    if (readNumberArgument(KEL_MODULE, line, argv[2], "Controller No", &controllerNo) == 0) {
-        return 0;
-    }
-    request->controllerNo = static_cast<uint8_t>(controllerNo);
-    if (ControllerCheck(KEL_MODULE, line, request->controllerNo) == 0) {
-        return 0;
-    }
-    long driveNo = 0;
-    if (readNumberArgument(KEL_MODULE, line, argv[3], "Drive No", &driveNo) == 0) {
-        return 0;
-    }
-    request->driveNo = static_cast<uint8_t>(driveNo);
-    if (DriveCheck(KEL_MODULE, line, request->controllerNo, request->driveNo, kLogicalDrive) == 0) {
+    if (readDriveTarget(KEL_MODULE, line, argv[2], argv[3], kLogicalDrive, request) == 0) {
         return 0;
     }
     request->direction = direction;

@@ -90,20 +90,7 @@ int readStripeParamFile(char *fileName, PassThroughRequest *request, uint32_t *l
 
 int readLogicalDriveTarget(const char *module, int line, char *controllerText, char *driveText,
                            PassThroughRequest *request) {
-    long controllerNo = 0;
-    if (!readNumberArgument(module, line, controllerText, "Controller No", &controllerNo)) {
-        return 0;
-    }
-    request->controllerNo = static_cast<uint8_t>(controllerNo);
-    if (!ControllerCheck(module, line, static_cast<int>(controllerNo))) {
-        return 0;
-    }
-    long driveNo = 0;
-    if (!readNumberArgument(module, line, driveText, "Drive No", &driveNo)) {
-        return 0;
-    }
-    request->driveNo = static_cast<uint8_t>(driveNo);
-    if (!DriveCheck(module, line, static_cast<int>(controllerNo), static_cast<int>(driveNo), kLogicalDrive)) {
+    if (!readDriveTarget(module, line, controllerText, driveText, kLogicalDrive, request)) {
         return 0;
     }
     request->interfaceType = KEL_IF_SAS;

@@ -26,11 +26,6 @@ int readAddress64Argument(char *text, uint64_t *lba) {
     return 1;
 }
 
-void showLogicalBlockAddress64(uint64_t lba) {
-    printf("Logical Block Address : 0x%016llX\n", static_cast<unsigned long long>(lba));
-    traceLine("## Logical Block Address : 0x%016llX", static_cast<unsigned long long>(lba));
-}
-
 // Controller, logical drive and 64-bit address, each shown once it is read.
 int readStripe64Arguments(char **argv, PassThroughRequest *request, uint64_t *lba) {
     if (!readLogicalDriveTarget(KEL_HERE, argv[2], argv[3], request)) {
@@ -41,7 +36,7 @@ int readStripe64Arguments(char **argv, PassThroughRequest *request, uint64_t *lb
     if (!readAddress64Argument(argv[4], lba)) {
         return 0;
     }
-    showLogicalBlockAddress64(*lba);
+    showWideLogicalBlockAddress(*lba, 16);
     return 1;
 }
 

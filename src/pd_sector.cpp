@@ -34,28 +34,15 @@ void setWrappedLba(PassThroughRequest *request, uint32_t lba) {
     request->cdbLength = 12;
 }
 
-// Controller No, its check, the wrapper byte, Drive No and its check, the wrapped
-// opcode: the first steps every physical-drive sector command takes in this order.
+// Controller No and Drive No with their checks, then the wrapper and the wrapped opcode:
+// the first steps every physical-drive sector command takes.
 int readControllerAndDrive(int line, char **argv, uint8_t wrapper, uint8_t opcode, PassThroughRequest *request) {
-    long controllerNo = 0;
-    if (readNumberArgument(KEL_MODULE, line, argv[2], "Controller No", &controllerNo) == 0) {
-        return 0;
-    }
-    request->controllerNo = static_cast<uint8_t>(controllerNo);
-    if (ControllerCheck(KEL_MODULE, line, request->controllerNo) == 0) {
+    if (readDriveTarget(KEL_MODULE, line, argv[2], argv[3], kPhysicalDrive, request) == 0) {
         return 0;
     }
     request->direction = wrapper == kWrapDataIn ? KEL_DIR_IN : KEL_DIR_OUT;
     request->cdb[0] = wrapper;
-    long driveNo = 0;
-    if (readNumberArgument(KEL_MODULE, line, argv[3], "Drive No", &driveNo) == 0) {
-        return 0;
-    }
-    request->cdb[1] = static_cast<uint8_t>(driveNo);
-    if (DriveCheck(KEL_MODULE, line, request->controllerNo, request->cdb[1], kPhysicalDrive) == 0) {
-        return 0;
-    }
-    request->driveNo = request->cdb[1];
+    request->cdb[1] = request->driveNo;
     request->cdb[2] = opcode;
     request->cdb[3] = 0x00;
     return 1;

@@ -67,14 +67,8 @@ int32_t KelPDHDDCapaChange_SATA() {
     traceCall("KelPDHDDCapaChange_SATA");
     char **argv = functbl[kTblCapaChange].argv;
 
-    long controllerNo = 0;
-    if (!readNumberArgument(KEL_HERE, argv[2], "Controller No", &controllerNo) ||
-        !ControllerCheck(KEL_HERE, static_cast<int>(controllerNo))) {
-        return 0;
-    }
-    long driveNo = 0;
-    if (!readNumberArgument(KEL_HERE, argv[3], "Drive No", &driveNo) ||
-        !DriveCheck(KEL_HERE, static_cast<int>(controllerNo), static_cast<int>(driveNo), kPhysicalDrive)) {
+    PassThroughRequest target{};
+    if (!readDriveTarget(KEL_HERE, argv[2], argv[3], kPhysicalDrive, &target)) {
         return 0;
     }
     uint64_t capacity = 0;
@@ -82,8 +76,7 @@ int32_t KelPDHDDCapaChange_SATA() {
         return 0;
     }
     uint32_t interfaceType = kInterfaceSata;
-    if (getHddType(static_cast<int>(controllerNo), static_cast<int>(driveNo), &interfaceType) == 1 &&
-        interfaceType == kInterfaceSas) {
+    if (getHddType(target.controllerNo, target.driveNo, &interfaceType) == 1 && interfaceType == kInterfaceSas) {
         KelPthErr0024(KEL_HERE, "SAS");
         KelPthErr0002(KEL_HERE);
         return 0;
@@ -91,16 +84,14 @@ int32_t KelPDHDDCapaChange_SATA() {
     printf("Capacity : 0x%012llX\n\n", static_cast<unsigned long long>(capacity));
     traceLine("## Capacity : 0x%012llX", static_cast<unsigned long long>(capacity));
 
-    const auto controller = static_cast<uint8_t>(controllerNo);
-    const auto drive = static_cast<uint8_t>(driveNo);
     // The drive only takes SET MAX ADDRESS EXT right after READ NATIVE MAX ADDRESS EXT;
     // the native address itself is not needed.
-    PassThroughRequest readNativeMax = nonDataRequest(controller, drive, 0x27);
+    PassThroughRequest readNativeMax = nonDataRequest(target.controllerNo, target.driveNo, 0x27);
     if (!sendNonData(&readNativeMax)) {
         return 0;
     }
 
-    PassThroughRequest setMax = nonDataRequest(controller, drive, 0x37);
+    PassThroughRequest setMax = nonDataRequest(target.controllerNo, target.driveNo, 0x37);
     setMax.cdb[6] = 0x01; // sector count
     if (!setAtaAddress48bit(0, capacity, &setMax.cdb[7])) {
         return 0;

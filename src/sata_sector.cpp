@@ -31,25 +31,6 @@ PassThroughRequest sataRequest(uint8_t direction) {
     return request;
 }
 
-// Controller No (argv[2]) and Drive No (argv[3]), each followed by its check; the numbers
-// go into the request.
-int readTargetDrive(char **argv, PassThroughRequest *request) {
-    long controllerNo = 0;
-    if (!readNumberArgument(KEL_HERE, argv[2], "Controller No", &controllerNo)) {
-        return 0;
-    }
-    request->controllerNo = static_cast<uint8_t>(controllerNo);
-    if (!ControllerCheck(KEL_HERE, static_cast<int>(controllerNo))) {
-        return 0;
-    }
-    long driveNo = 0;
-    if (!readNumberArgument(KEL_HERE, argv[3], "Drive No", &driveNo)) {
-        return 0;
-    }
-    request->driveNo = static_cast<uint8_t>(driveNo);
-    return DriveCheck(KEL_HERE, static_cast<int>(controllerNo), static_cast<int>(driveNo), kPhysicalDrive);
-}
-
 // The address argument: optional "0x", at most 16 hex digits, and it must fit in 48 bits.
 int readAddress48(char *text, uint64_t *lba) {
     cutLineEnd(text);
@@ -73,11 +54,6 @@ int refuseSasDrive(const PassThroughRequest &request) {
         return 1;
     }
     return 0;
-}
-
-void showLogicalBlockAddress48(uint64_t lba) {
-    printf("Logical Block Address : 0x%012llX\n", static_cast<unsigned long long>(lba));
-    traceLine("## Logical Block Address : 0x%012llX", static_cast<unsigned long long>(lba));
 }
 
 // READ or WRITE SECTOR(S) EXT of one sector at lba; protocol and direction bits by the caller.
@@ -146,7 +122,7 @@ int32_t KelPDOneSectorRead_SATA() {
     SenseArea sense;
     char **argv = functbl[kTblPDSectorRead].argv;
 
-    if (!readTargetDrive(argv, &request)) {
+    if (!readDriveTarget(KEL_HERE, argv[2], argv[3], kPhysicalDrive, &request)) {
         return 0;
     }
     uint64_t lba = 0;
@@ -156,7 +132,7 @@ int32_t KelPDOneSectorRead_SATA() {
     if (refuseSasDrive(request)) {
         return 0;
     }
-    showLogicalBlockAddress48(lba);
+    showWideLogicalBlockAddress(lba, 12);
     if (!buildSectorCdb(&request, 0x09, 0x0E, 0x24, lba)) { // PIO data-in, 48-bit; READ SECTOR(S) EXT
         return 0;
     }
@@ -180,7 +156,7 @@ int32_t KelPDOneSectorWrite_SATA() {
     SenseArea sense;
     char **argv = functbl[kTblPDSectorWrite].argv;
 
-    if (!readTargetDrive(argv, &request)) {
+    if (!readDriveTarget(KEL_HERE, argv[2], argv[3], kPhysicalDrive, &request)) {
         return 0;
     }
     if (refuseSasDrive(request)) {
@@ -190,7 +166,7 @@ int32_t KelPDOneSectorWrite_SATA() {
     if (!readAddress48(argv[4], &lba)) {
         return 0;
     }
-    showLogicalBlockAddress48(lba);
+    showWideLogicalBlockAddress(lba, 12);
     if (!buildSectorCdb(&request, 0x0B, 0x06, 0x34, lba)) { // PIO data-out, 48-bit; WRITE SECTOR(S) EXT
         return 0;
     }

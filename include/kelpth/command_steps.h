@@ -19,6 +19,12 @@ struct SenseArea {
 // "Drive No") and KEL0002 and returns 0; otherwise stores the value and returns 1.
 int readNumberArgument(const char *module, int line, char *text, const char *label, long *value);
 
+// The controller and drive arguments of a command line, in that order, each followed by
+// its check (ControllerCheck, DriveCheck for the given kind: 0 physical, 1 logical); the
+// numbers go into the request. Returns 0 after the first failure's messages.
+int readDriveTarget(const char *module, int line, char *controllerText, char *driveText, int driveKind,
+                    PassThroughRequest *request);
+
 // An address argument: optional "0x" and at most 8 hex digits (an empty text reads 0).
 // A bad value reports KEL0022 "Address" and KEL0002 and returns 0.
 int readAddressArgument(const char *module, int line, char *text, uint32_t *lba);
@@ -30,6 +36,10 @@ void showPhysicalDriveNo(int driveNo);
 void showLogicalDriveNo(int driveNo);
 // "Logical Block Address : 0x%08X" followed on the screen by screenLineEnd ("\n" or "\n\n").
 void showLogicalBlockAddress(uint32_t lba, const char *screenLineEnd);
+
+// A 48- or 64-bit address: "Logical Block Address : 0x" with digits hex digits (12 or
+// 16), one newline on the screen.
+void showWideLogicalBlockAddress(uint64_t lba, int digits);
 
 // The request's command block (cdbLength bytes, at most 16) under "CDB", then one newline.
 void showCdb(const PassThroughRequest &request);
