@@ -22,14 +22,6 @@ namespace {
 }
 } // namespace
 
-// L: log-sense report.
-int32_t KelPrintLogsense() {
-    return unbuiltMainCommand("KelPrintLogsense");
-}
-// F: firmware download.
-int32_t KelFirmwareUpdate() {
-    return unbuiltMainCommand("KelFirmwareUpdate");
-}
 // E: media error set.
 int32_t KelPDHDDMediaErrorSet() {
     return unbuiltMainCommand("KelPDHDDMediaErrorSet");
@@ -37,10 +29,6 @@ int32_t KelPDHDDMediaErrorSet() {
 // N: error injection.
 int32_t KelPDHDDErrorInjectionSet() {
     return unbuiltMainCommand("KelPDHDDErrorInjectionSet");
-}
-// PDPrintModePage: mode page print.
-int32_t KelPDPrintModePage() {
-    return unbuiltMainCommand("KelPDPrintModePage");
 }
 // N5: error injection, second form.
 int32_t KelPDHDDErrorInjectionSet5() {
