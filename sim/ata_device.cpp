@@ -4,11 +4,14 @@
 // sector) lives in the drive's settings; the power-cycle state lives in the object.
 #include "ata_device.h"
 
+#include "text_fields.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace kelsim {
 namespace {
@@ -97,27 +100,6 @@ void markUncorrectable(DriveSettings &settings, const BlockRange &range) {
     }
 }
 
-std::string toHex(const uint8_t *bytes, size_t length) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string text;
-    text.reserve(2 * length);
-    for (size_t i = 0; i < length; ++i) {
-        text += digits[bytes[i] >> 4];
-        text += digits[bytes[i] & 0x0F];
-    }
-    return text;
-}
-
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 } // namespace
 
 bool isSataBlockUncorrectable(DriveSettings &settings, uint64_t lba) {
@@ -160,13 +142,11 @@ bool sataErrorInjectionData(DriveSettings &settings, AtaSector *out) {
     if (!settings.get(kErrorInjectionKey, &text) || text.size() != 2 * out->size()) {
         return false;
     }
-    for (size_t i = 0; i < out->size(); ++i) {
-        int high = hexDigit(text[2 * i]), low = hexDigit(text[2 * i + 1]);
-        if (high < 0 || low < 0) {
-            return false;
-        }
-        (*out)[i] = static_cast<uint8_t>(high << 4 | low);
+    std::vector<uint8_t> bytes;
+    if (!fromHex(text, &bytes)) {
+        return false;
     }
+    std::copy(bytes.begin(), bytes.end(), out->begin());
     return true;
 }
 

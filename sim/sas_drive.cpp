@@ -3,6 +3,9 @@
 // revision, stopped state) and its medium, the way a disk drive's firmware answers them.
 #include "sas_drive.h"
 
+#include "byte_order.h"
+#include "text_fields.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -31,26 +34,6 @@ constexpr const char *kKeyStopped = "stopped";          // "1" after START STOP 
 constexpr const char *kKeyMediaErrors = "media_errors"; // blank-separated hexadecimal LBAs
 // Mode pages: "mode.XX.current" and "mode.XX.saved", the page bytes in hexadecimal.
 
-uint64_t getBe(const uint8_t *bytes, int width) {
-    uint64_t value = 0;
-    for (int i = 0; i < width; ++i) {
-        value = (value << 8) | bytes[i];
-    }
-    return value;
-}
-
-void putBe(uint8_t *bytes, int width, uint64_t value) {
-    for (int i = width - 1; i >= 0; --i) {
-        bytes[i] = static_cast<uint8_t>(value & 0xFF);
-        value >>= 8;
-    }
-}
-
-void putText(uint8_t *field, size_t width, const std::string &text) {
-    std::memset(field, ' ', width);
-    std::memcpy(field, text.data(), std::min(width, text.size()));
-}
-
 uint64_t fnv1a64(const uint8_t *bytes, size_t size, uint64_t hash = 0xCBF29CE484222325ULL) {
     for (size_t i = 0; i < size; ++i) {
         hash = (hash ^ bytes[i]) * 0x100000001B3ULL;
@@ -60,34 +43,6 @@ uint64_t fnv1a64(const uint8_t *bytes, size_t size, uint64_t hash = 0xCBF29CE484
 
 uint64_t fnv1a64(const std::string &text, uint64_t hash = 0xCBF29CE484222325ULL) {
     return fnv1a64(reinterpret_cast<const uint8_t *>(text.data()), text.size(), hash);
-}
-
-std::string toHex(const std::vector<uint8_t> &bytes) {
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (uint8_t byte : bytes) {
-        text.push_back(kDigits[byte >> 4]);
-        text.push_back(kDigits[byte & 0x0F]);
-    }
-    return text;
-}
-
-bool fromHex(const std::string &text, std::vector<uint8_t> *bytes) {
-    if (text.size() % 2 != 0) {
-        return false;
-    }
-    bytes->clear();
-    for (size_t i = 0; i < text.size(); i += 2) {
-        char pair[3] = {text[i], text[i + 1], 0};
-        char *end = nullptr;
-        unsigned long value = std::strtoul(pair, &end, 16);
-        if (end != pair + 2) {
-            return false;
-        }
-        bytes->push_back(static_cast<uint8_t>(value));
-    }
-    return true;
 }
 
 // The check bytes the drive keeps behind each block's data.
@@ -818,7 +773,7 @@ std::vector<uint8_t> SasDrive::loadModePage(const ModePageDefinition &definition
 }
 
 void SasDrive::storeModePage(const ModePageDefinition &definition, const std::vector<uint8_t> &page, bool save) {
-    std::string text = toHex(page);
+    std::string text = toHex(page.data(), page.size());
     settings_.set(modePageKey(definition.code, "current"), text);
     if (save) {
         settings_.set(modePageKey(definition.code, "saved"), text);
