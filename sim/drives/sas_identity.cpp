@@ -1,6 +1,7 @@
 // The SAS drive's identity and state commands: INQUIRY and its vital product data pages,
 // READ CAPACITY (10) and (16), REPORT LUNS, REQUEST SENSE, START STOP UNIT.
 #include "sas_drive_internal.h"
+#include "sas_life.h"
 #include "text_fields.h"
 
 #include <algorithm>
@@ -165,6 +166,9 @@ ScsiResult SasDrive::startStopUnit(const Request &request) {
     bool start = cdb[4] & 0x01;
     if (start == stopped()) {
         settings_.set(kKeyStopped, start ? "0" : "1");
+        if (start) {
+            countSpinUp(settings_);
+        }
     }
     return ScsiResult{};
 }

@@ -1,5 +1,6 @@
 // End to end on the default farm: the mode-page print with its file, the log-sense report
 // over every controller and slot, and the firmware download to the drives it selects.
+#include <iconv.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +17,18 @@ const std::string kPage31Title =
     "\n<<<Logpage31:\xB2\xE1\xB5\xEE\xA4\xCBHDD\xA4\xAC\xB5\xF3\xA4\xB2\xA4\xBF\xA5\xA8\xA5"
     "\xE9\xA1\xBC\xA5\xED\xA5\xB0>>>\n";
 const std::string kPage32Title = "\n<<<Logpage32:HDD SMART\xB7\xCF\xA5\xED\xA5\xB0>>>\n";
+
+std::string toUtf8(const std::string &eucJp) {
+    iconv_t converter = iconv_open("UTF-8", "EUC-JP");
+    std::string input = eucJp, output(eucJp.size() * 3 + 16, '\0');
+    char *in = input.data(), *out = output.data();
+    size_t inLeft = input.size(), outLeft = output.size();
+    const size_t converted = iconv(converter, &in, &inLeft, &out, &outLeft);
+    iconv_close(converter);
+    EXPECT_NE(converted, static_cast<size_t>(-1)) << "not EUC-JP at byte " << input.size() - inLeft;
+    output.resize(output.size() - outLeft);
+    return output;
+}
 
 size_t countOf(const std::string &text, const std::string &part) {
     size_t count = 0;
@@ -160,22 +173,163 @@ TEST_F(LogSenseReport, AFailingDriveDoesNotStopTheWalk) {
     EXPECT_EQ(countOf(run.out, kPage32Title), 5u);
 }
 
+// The report of one drive, turned to UTF-8, against a text written out by hand: slot 3 (a
+// 036 drive) after a write, a read, a read past its end and a temperature kelsim set, with
+// the drives' clock held by KELSIM_NOW.
+TEST_F(LogSenseReport, OneDrivesReportTellsWhatItWentThrough) {
+    const long long born = 1700000000;
+    auto at = [&](long long seconds, const char *binary, std::vector<std::string> args) {
+        args.insert(args.begin(), binary);
+        return run(args, {"KELSIM_NOW=" + std::to_string(seconds)});
+    };
+    ASSERT_EQ(at(born, KELPTH_BINARY, {"PDOneSectorWrite", "0", "3", "0x10"}).exitStatus, 0);
+    ASSERT_EQ(at(born + 60, KELPTH_BINARY, {"PDOneSectorRead", "0", "3", "0x10"}).exitStatus, 0);
+    const std::string before = at(born + 60, KELPTH_BINARY, {"L"}).out;
+    EXPECT_NE(before.find("Physical Drive No.3\n" + kPage31Title), std::string::npos);
+    ASSERT_EQ(at(born + 5400, KELPTH_BINARY, {"PDOneSectorRead", "0", "3", "0x043D6720"}).exitStatus, 1);
+    ASSERT_EQ(at(born + 5400, KELSIM_BINARY, {"temperature", "0", "3", "47"}).exitStatus, 0);
+    const RunResult report = at(born + 7200, KELPTH_BINARY, {"L"});
+    ASSERT_EQ(report.exitStatus, 0);
+
+    const size_t start = report.out.find("RAID Controller No.0\nPhysical Drive No.3\n");
+    const size_t end = report.out.find("\n\nRAID Controller No.", start);
+    ASSERT_NE(start, std::string::npos);
+    ASSERT_NE(end, std::string::npos);
+    std::string expected = "RAID Controller No.0\n"
+                           "Physical Drive No.3\n"
+                           "\n"
+                           "<<<Logpage31:過去にHDDが挙げたエラーログ>>>\n"
+                           "[CDB] Size=12\n" +
+                           kRule +
+                           "00000000: BB 03 4D 00 31 00 00 00  00 35 74 00              ..M.1....5t.\n"
+                           "\n"
+                           "No.\t累積(h)\t\tP-On(m)\t\tｾﾝｽﾃﾞｰﾀ\tLBA\t\tCDB\n"
+                           "001\t       1.50\t       1.50\t052100\t043D6720\t28\n";
+    char line[64];
+    for (int entry = 2; entry <= 171; ++entry) {
+        snprintf(line, sizeof line, "%03d\t       0.00\t       0.00\t000000\t00000000\t00\n", entry);
+        expected += line;
+    }
+    expected += "\n"
+                "<<<Logpage32:HDD SMART系ログ>>>\n"
+                "[CDB] Size=12\n" +
+                kRule +
+                "00000000: BB 03 4D 00 32 00 00 00  00 00 A4 00              ..M.2.......\n"
+                "\n"
+                "累積稼動時間[h]:       2.00\n"
+                "\n"
+                "リードしたセクタ数[Head0]:         1\n"
+                "現在のリードエラー数[Head0]:    0\n"
+                "前回のリードエラー数[Head0]:    0\n"
+                "過去ワーストエラー数:    0\n"
+                "\n"
+                "ライトしたセクタ数[Head0]:         1\n"
+                "現在のライトエラー数[Head0]:    0\n"
+                "前回のライトエラー数[Head0]:    0\n"
+                "過去ワーストエラー数:    0\n"
+                "\n"
+                "シークしたセクタ数[Head0]:         2\n"
+                "現在のシークエラー数[Head0]:    0\n"
+                "前回のシークエラー数[Head0]:    0\n"
+                "過去ワーストエラー数:    0\n"
+                "\n"
+                "残り交替セクタ数: 2000\n"
+                "\n"
+                "今回のスピンアップ時間[s]:   7\n"
+                "前回のスピンアップ時間[s]:   0\n"
+                "最大スピンアップ時間[s]:   7\n"
+                "最大時間を要した時の発生時間[h]:       0.00\n"
+                "\n"
+                "現在のCSS 回数:    1\n"
+                "\n"
+                "現在の装置温度: 47\n"
+                "過去最大温度: 47\n"
+                "最大温度を検出したときの時間[h]:       1.50\n"
+                "\n"
+                "現在の12V 電圧:12.0\n"
+                "最大電圧:12.0\n"
+                "最大電圧を検出したときの時間[h]:       0.00\n"
+                "最低電圧:12.0\n"
+                "最低電圧を検出したときの時間[h]:       0.00\n"
+                "\n"
+                "SMART ASC:00\n"
+                "SMART ASCQ:00\n"
+                "SMART 警告を検出した時間[h]:       0.00\n"
+                "\n";
+    EXPECT_EQ(toUtf8(report.out.substr(start, end + 1 - start)), expected);
+    EXPECT_NE(kelsim({"journal"}).out.find("kelsim temperature 47 ctl=0 pd=3"), std::string::npos);
+}
+
+// What kelsim sets on a drive shows in kelsim show, in the journal and in the next report.
+TEST_F(LogSenseReport, ConditionsSetWithKelsimReachTheReport) {
+    ASSERT_EQ(kelsim({"voltage", "0", "0", "11.8"}).exitStatus, 0);
+    ASSERT_EQ(kelsim({"smart-trip", "0", "1", "5D", "10"}).exitStatus, 0);
+    struct Refusal {
+        std::vector<std::string> args;
+        int status;
+    };
+    for (const Refusal &refusal : std::vector<Refusal>{{{"voltage", "0", "0", "9.5"}, 2},
+                                                       {{"temperature", "0", "0", "hot"}, 2},
+                                                       {{"temperature", "0", "4", "50"}, 1}, // a SATA drive
+                                                       {{"temperature", "0", "7", "50"}, 1}, // an empty slot
+                                                       {{"check-condition", "0", "0", "3B", "--after"}, 2},
+                                                       {{"image", "MBA4SIM", "12345", "x.bin"}, 2}}) {
+        EXPECT_EQ(kelsim(refusal.args).exitStatus, refusal.status) << refusal.args[0] << " " << refusal.args.back();
+    }
+    const std::string show = kelsim({"show"}).out;
+    EXPECT_NE(show.find("conditions: 35 C, 12 V at 11.8 V\n"), std::string::npos) << show;
+    EXPECT_NE(show.find("conditions: 35 C, 12 V at 12.0 V, SMART trip 5D/10\n"), std::string::npos) << show;
+    const std::string journal = kelsim({"journal"}).out;
+    EXPECT_EQ(journal, "1 kelsim voltage 11.8 ctl=0 pd=0\n2 kelsim smart-trip 5D 10 ctl=0 pd=1\n");
+
+    const std::string report = toUtf8(kelpth({"L"}).out);
+    const size_t slot0 = report.find("Physical Drive No.0");
+    const size_t slot1 = report.find("Physical Drive No.1");
+    const std::string first = report.substr(slot0, slot1 - slot0);
+    EXPECT_NE(first.find("現在の12V 電圧:11.8\n"), std::string::npos) << first;
+    EXPECT_NE(first.find("最低電圧:11.8\n"), std::string::npos);
+    // A 073 drive is asked for 212 bytes, which end before its SMART trip: slot 1 shows it.
+    const std::string second = report.substr(slot1, report.find("Physical Drive No.2") - slot1);
+    EXPECT_NE(second.find("SMART ASC:5D\nSMART ASCQ:10\n"), std::string::npos) << second;
+}
+
 class FirmwareDownload : public FarmTest {
   protected:
-    void writeImage(const std::string &name, size_t size) {
-        std::string image(size, '\0');
-        for (size_t i = 0; i < size; ++i) {
-            image[i] = static_cast<char>(i * 7 + 3);
+    // A firmware image from the sim's own tool.
+    void makeImage(const std::string &name, const std::string &product, const std::string &revision, size_t size) {
+        ASSERT_EQ(kelsim({"image", product, revision, name, "--size", std::to_string(size)}).exitStatus, 0);
+    }
+    // The revision INQUIRY gives through ANY ("12 00 00 00 24 00" to a SAS drive).
+    std::string inquiryRevision(const std::string &slot) {
+        writeFile("inquiry.txt", "// Controller No\n0\n// Drive No\n" + slot +
+                                     "\n// CDB\n120000002400\n// Direction\n0\n// Data Length\n0x24\n");
+        RunResult run = kelpth({"ANY", "inquiry.txt"});
+        EXPECT_EQ(run.exitStatus, 0) << run.out;
+        // Row 00000020 of the dump starts with the four revision bytes.
+        const size_t row = run.out.find("00000020: ");
+        if (row == std::string::npos) {
+            return "";
         }
-        writeFile(name, image);
+        std::string revision;
+        for (int i = 0; i < 4; ++i) {
+            revision += static_cast<char>(std::stoi(run.out.substr(row + 10 + 3 * i, 2), nullptr, 16));
+        }
+        return revision;
+    }
+    std::string showLine(const std::string &product) {
+        const std::string show = kelsim({"show"}).out;
+        const size_t at = show.find(" " + product + " ");
+        return at == std::string::npos
+                   ? ""
+                   : show.substr(show.rfind('\n', at) + 1, show.find('\n', at) - show.rfind('\n', at) - 1);
     }
 };
 
-TEST_F(FirmwareDownload, PiecesOfSixtyFourKiBGoToTheSelectedDrivesOnly) {
-    writeImage("fw.bin", 0x10001);
+TEST_F(FirmwareDownload, AnImageFromKelsimUpdatesTheSelectedDrivesOnly) {
+    makeImage("fw.bin", "MBA4SIM", "0202", 0x10001);
     RunResult run = kelpth({"F", "fw.bin"});
     ASSERT_EQ(run.exitStatus, 0) << run.out;
-    EXPECT_NE(run.out.find("Vendor ID:SIMDISK \nProduct ID:MBA4SIM         \nProduct Rev:"), std::string::npos)
+    EXPECT_NE(run.out.find("Vendor ID:SIMDISK \nProduct ID:MBA4SIM         \nProduct Rev:0101\n\n"), std::string::npos)
         << run.out;
     EXPECT_EQ(countOf(run.out, "[CDB] Size=12\n"), countOf(run.out, "Product ID:")) << "one CDB per drive";
     EXPECT_EQ(run.out.find("Product ID:SD"), std::string::npos);
@@ -187,17 +341,53 @@ TEST_F(FirmwareDownload, PiecesOfSixtyFourKiBGoToTheSelectedDrivesOnly) {
     EXPECT_EQ(pieces[1], "KelPasWriteBuffer ctl=0 pd=6 if=0 dir=0 ata=0 cdb=BA 06 3B 07 00 01 00 00 00 00 01 00 "
                          "len=1 status=0 sense=-");
     EXPECT_EQ(countOf(traceLog(), "skipped for not supported [KelFirmwareUpdate] command."), 3u);
+
+    // The new revision from then on, in INQUIRY and in the farm's listing; the others keep theirs.
+    EXPECT_EQ(inquiryRevision("6"), "0202");
+    EXPECT_NE(showLine("MBA4SIM").find(" 0202 "), std::string::npos) << showLine("MBA4SIM");
+    EXPECT_EQ(inquiryRevision("0"), "0104");
+    RunResult again = kelpth({"F", "fw.bin"});
+    EXPECT_NE(again.out.find("Product Rev:0202\n"), std::string::npos) << "getPhysicalDriveInfo and INQUIRY agree";
+}
+
+TEST_F(FirmwareDownload, AFailureAtPieceThreeStopsTheDownloadAndKeepsTheOldFirmware) {
+    makeImage("fw.bin", "MBA4SIM", "0303", 0xC0000);
+    ASSERT_EQ(kelsim({"check-condition", "0", "6", "3B", "--after", "2"}).exitStatus, 0);
+    EXPECT_NE(kelsim({"show"}).out.find("check condition 04/44/00 for opcode 3B after 2 more"), std::string::npos);
+    RunResult run = kelpth({"F", "fw.bin"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:04  ASC:44  ASCQ:00\n" + kAbnormalEnd), std::string::npos)
+        << run.out;
+    const std::string journal = kelsim({"journal"}).out;
+    const std::vector<std::string> pieces = journalRows(journal, "KelPasWriteBuffer");
+    ASSERT_EQ(pieces.size(), 3u);
+    EXPECT_NE(pieces[2].find("cdb=BA 06 3B 07 00 02 00 00 01 00 00 00 len=65536 status=4 sense=04/44/00"),
+              std::string::npos)
+        << pieces[2];
+    EXPECT_NE(journal.find("kelsim check-condition 3B after 2 sense 04/44/00 ctl=0 pd=6"), std::string::npos)
+        << journal;
+    EXPECT_EQ(inquiryRevision("6"), "0101");
+
+    // An image for another product is refused when it completes; the old firmware stays.
+    makeImage("other.bin", "SD1K073RC", "0909", 0x20000);
+    run = kelpth({"F", "other.bin"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:05  ASC:26  ASCQ:00\n"), std::string::npos) << run.out;
+    EXPECT_EQ(inquiryRevision("6"), "0101");
 }
 
 TEST_F(FirmwareDownload, ALongFileIsCutAndAnEmptyOneSendsNothing) {
-    writeImage("big.bin", 0x100000);
+    // An image of 1 MiB is cut at 0xC0000 bytes: twelve pieces, and an image the drive never
+    // sees complete, so it keeps its firmware.
+    makeImage("big.bin", "MBA4SIM", "0404", 0x100000);
     ASSERT_EQ(kelpth({"F", "big.bin"}).exitStatus, 0);
     std::vector<std::string> pieces = journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer");
-    ASSERT_EQ(pieces.size() % 12, 0u);
+    ASSERT_EQ(pieces.size(), 12u);
     EXPECT_NE(pieces[11].find("cdb=BA 06 3B 07 00 0B 00 00 01 00 00 00 len=65536"), std::string::npos) << pieces[11];
+    EXPECT_EQ(inquiryRevision("6"), "0101");
 
     ASSERT_EQ(kelsim({"journal", "--clear"}).exitStatus, 0);
-    writeImage("empty.bin", 0);
+    writeFile("empty.bin", "");
     RunResult run = kelpth({"F", "empty.bin"});
     EXPECT_EQ(run.exitStatus, 0);
     EXPECT_NE(run.out.find("Product ID:MBA4SIM         \n"), std::string::npos);
@@ -210,7 +400,7 @@ TEST_F(FirmwareDownload, AFileThatCannotBeFoundOrRead) {
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_EQ(run.out, "KEL0004-E realpath() failed. detail=No such file or directory\n" + kAbnormalEnd);
     if (geteuid() != 0) { // the superuser reads any file
-        writeImage("locked.bin", 16);
+        writeFile("locked.bin", std::string(16, 'x'));
         ASSERT_EQ(chmod((workDir + "/locked.bin").c_str(), 0), 0);
         run = kelpth({"F", "locked.bin"});
         EXPECT_EQ(run.exitStatus, 1);
