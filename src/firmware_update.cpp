@@ -24,7 +24,6 @@ namespace {
 
 constexpr uint32_t kImageSize = 0xC0000;
 constexpr uint32_t kPieceSize = 0x10000;
-constexpr int kSlotsPerController = 8;
 constexpr uint8_t kWriteBuffer = 0x3B;
 constexpr uint8_t kDownloadSaveActivate = 0x07; // download microcode with offsets, save and activate
 
@@ -63,17 +62,54 @@ int downloadImage(PassThroughRequest *request, const uint8_t *image, uint32_t im
     return 1;
 }
 
+// What the download to each drive needs.
+struct Download {
+    const uint8_t *image;
+    uint32_t imageSize;
+    PassThroughRequest request;
+    SenseArea sense;
+    char vendor[9];
+    char product[17];
+    char revision[5];
+};
+
+// One drive: a drive this image is for gets its identity shown and the image.
+int downloadToDrive(int controllerNo, int slot, void *context) {
+    Download &download = *static_cast<Download *>(context);
+    if (GetInquiry(controllerNo, slot, download.vendor, download.product, download.revision, 0) != 1 ||
+        !isFirmwareTarget(download.product)) {
+        return 1;
+    }
+    const char *revision = download.revision;
+    showControllerNo(controllerNo);
+    showPhysicalDriveNo(slot);
+    printf("Vendor ID:%s\n", download.vendor);
+    printf("Product ID:%s\n", download.product);
+    printf("Product Rev:%c%c%c%c\n\n", revision[0], revision[1], revision[2], revision[3]);
+    traceLine("## Vendor ID:%s", download.vendor);
+    traceLine("## Product ID:%s", download.product);
+    traceLine("## Product Rev:%c%c%c%c", revision[0], revision[1], revision[2], revision[3]);
+
+    PassThroughRequest &request = download.request;
+    request.targetKind = KEL_TARGET_PHYSICAL;
+    request.controllerNo = static_cast<uint8_t>(controllerNo);
+    request.driveNo = static_cast<uint8_t>(slot);
+    request.direction = KEL_DIR_OUT;
+    request.cdbLength = 12;
+    request.cdb[0] = kWrapDataOut;
+    request.cdb[1] = static_cast<uint8_t>(slot);
+    request.cdb[2] = kWriteBuffer;
+    request.cdb[3] = kDownloadSaveActivate;
+    request.cdb[4] = 0x00; // buffer ID
+    return downloadImage(&request, download.image, download.imageSize, &download.sense);
+}
+
 } // namespace
 
 int32_t KelFirmwareUpdate() {
     traceCall("KelFirmwareUpdate");
     char **argv = functbl[kTblFirmware].argv;
-    PassThroughRequest request;
-    memset(&request, 0, sizeof request);
-    SenseArea sense;
-    char vendor[9] = {};
-    char product[17] = {};
-    char revision[5] = {};
+    Download download{}; // request, sense area and INQUIRY buffers cleared
 
     char resolved[PATH_MAX] = {};
     if (realpath(argv[2], resolved) == nullptr) {
@@ -95,48 +131,10 @@ int32_t KelFirmwareUpdate() {
         return 0;
     }
     // A longer file is cut at the image size.
-    const uint32_t imageSize = static_cast<uint32_t>(fread(image.get(), 1, kImageSize, file));
+    download.imageSize = static_cast<uint32_t>(fread(image.get(), 1, kImageSize, file));
     fclose(file);
+    download.image = image.get();
 
-    uint8_t controllerCount = 0;
-    getContNum(&controllerCount);
-    for (int controllerNo = 0; controllerNo < controllerCount; controllerNo++) {
-        for (int slot = 0; slot < kSlotsPerController; slot++) {
-            if (DriveCheck_Silence(controllerNo, slot) != 1) {
-                continue;
-            }
-            uint32_t interfaceType = kInterfaceSas;
-            if (getHddType(controllerNo, slot, &interfaceType) == 1 && interfaceType == kInterfaceSata) {
-                traceLine("[%s] drive of controller[%d] Hdd[%d] skipped for not supported [%s] command.", "SATA",
-                          controllerNo, slot, "KelFirmwareUpdate");
-                continue;
-            }
-            if (GetInquiry(controllerNo, slot, vendor, product, revision, 0) != 1 || !isFirmwareTarget(product)) {
-                continue;
-            }
-            showControllerNo(controllerNo);
-            showPhysicalDriveNo(slot);
-            printf("Vendor ID:%s\n", vendor);
-            printf("Product ID:%s\n", product);
-            printf("Product Rev:%c%c%c%c\n\n", revision[0], revision[1], revision[2], revision[3]);
-            traceLine("## Vendor ID:%s", vendor);
-            traceLine("## Product ID:%s", product);
-            traceLine("## Product Rev:%c%c%c%c", revision[0], revision[1], revision[2], revision[3]);
-
-            request.targetKind = KEL_TARGET_PHYSICAL;
-            request.controllerNo = static_cast<uint8_t>(controllerNo);
-            request.driveNo = static_cast<uint8_t>(slot);
-            request.direction = KEL_DIR_OUT;
-            request.cdbLength = 12;
-            request.cdb[0] = kWrapDataOut;
-            request.cdb[1] = static_cast<uint8_t>(slot);
-            request.cdb[2] = kWriteBuffer;
-            request.cdb[3] = kDownloadSaveActivate;
-            request.cdb[4] = 0x00; // buffer ID
-            if (downloadImage(&request, image.get(), imageSize, &sense) == 0) {
-                return 0;
-            }
-        }
-    }
-    return 1;
+    // The first failure stops the download everywhere.
+    return walkSasDrives("KelFirmwareUpdate", downloadToDrive, &download);
 }

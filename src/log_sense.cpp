@@ -77,8 +77,32 @@ void setLogSense(PassThroughRequest *request, uint8_t page, uint16_t allocation)
 
 } // namespace
 
+namespace {
+
+// One drive of the report: both pages, the second only when the first came back.
+int reportDrive(int controllerNo, int slot, void *) {
+    if (slot != 0) {
+        printf("\n");
+    }
+    showControllerNo(controllerNo);
+    showPhysicalDriveNo(slot);
+    puts(kPage31Title);
+    if (LogPage31Command(controllerNo, slot) != 0) {
+        puts(kPage32Title);
+        LogPage32Command(controllerNo, slot);
+    }
+    return 1; // a failing drive does not stop the walk
+}
+
+} // namespace
+
 int32_t KelPrintLogsense() {
     traceCall("KelPrintLogsense");
+    walkSasDrives("KelPrintLogsense", reportDrive, nullptr);
+    return 1;
+}
+
+int walkSasDrives(const char *handlerName, SasDriveVisit visit, void *context) {
     uint8_t controllerCount = 0;
     getContNum(&controllerCount);
     for (int controllerNo = 0; controllerNo < controllerCount; controllerNo++) {
@@ -89,18 +113,11 @@ int32_t KelPrintLogsense() {
             uint32_t interfaceType = kInterfaceSas;
             if (getHddType(controllerNo, slot, &interfaceType) == 1 && interfaceType == kInterfaceSata) {
                 traceLine("[%s] drive of controller[%d] Hdd[%d] skipped for not supported [%s] command.", "SATA",
-                          controllerNo, slot, "KelPrintLogsense");
+                          controllerNo, slot, handlerName);
                 continue;
             }
-            if (slot != 0) {
-                printf("\n");
-            }
-            showControllerNo(controllerNo);
-            showPhysicalDriveNo(slot);
-            puts(kPage31Title);
-            if (LogPage31Command(controllerNo, slot) != 0) {
-                puts(kPage32Title);
-                LogPage32Command(controllerNo, slot);
+            if (visit(controllerNo, slot, context) == 0) {
+                return 0;
             }
         }
     }

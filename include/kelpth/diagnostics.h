@@ -8,6 +8,12 @@
 // CR LF line ends, and an empty line. 1 when written, else 0 after its messages.
 int FileWriteModePage(const char *path, const uint8_t *data, uint32_t size);
 
+// Every present SAS drive of every controller in turn: absent slots are passed over
+// silently, SATA drives with a trace line naming the handler. The walk stops, giving 0,
+// when visit returns 0; else 1.
+using SasDriveVisit = int (*)(int controllerNo, int slot, void *context);
+int walkSasDrives(const char *handlerName, SasDriveVisit visit, void *context);
+
 // LOG SENSE page 0x31 (the drive's past errors) of one SAS drive, printed as a table.
 int LogPage31Command(int controllerNo, int driveNo);
 int PrintLogPage31(const uint8_t *data, uint16_t length);
