@@ -25,6 +25,10 @@ ScsiResult SasDrive::requestSense(const Request &request) {
         pending = lastSense_;
     } else if (stopped()) {
         pending = checkCondition(sense::kNotReady, kAscNotReady, kAscqInitializingCommandRequired);
+    } else if (const DriveCounters life = loadDriveCounters(settings_); life.smartAsc != 0) {
+        // A SMART trip is reported on request (MRIE 6 of the informational exceptions page).
+        pending =
+            checkCondition(sense::kNoSense, static_cast<uint8_t>(life.smartAsc), static_cast<uint8_t>(life.smartAscq));
     }
     haveLastSense_ = false; // the sense is handed over once
     std::vector<uint8_t> data(pending.sense.begin(), pending.sense.end());

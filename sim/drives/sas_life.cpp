@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <map>
 
 namespace kelsim {
 namespace {
@@ -82,9 +83,10 @@ bool readCounters(DriveSettings &settings, DriveCounters *counters) {
         return false;
     }
     DriveCounters c;
+    std::map<std::string, uint32_t *> fields;
+    forEachCounter(c, [&](const char *name, uint32_t *field) { fields[name] = field; });
+    // "born=<seconds>", then name=value pairs; a counter not written is 0.
     const char *cursor = text.c_str();
-    // "born=<seconds>" first, then name=value pairs in any order.
-    std::vector<std::pair<std::string, unsigned long long>> pairs;
     while (*cursor != '\0') {
         while (*cursor == ' ') {
             ++cursor;
@@ -95,21 +97,14 @@ bool readCounters(DriveSettings &settings, DriveCounters *counters) {
         }
         char *end = nullptr;
         const unsigned long long value = strtoull(equals + 1, &end, 10);
-        pairs.emplace_back(std::string(cursor, equals), value);
-        cursor = end;
-    }
-    for (const auto &[name, value] : pairs) {
+        const std::string name(cursor, equals);
         if (name == "born") {
             c.bornAt = static_cast<int64_t>(value);
+        } else if (auto field = fields.find(name); field != fields.end()) {
+            *field->second = static_cast<uint32_t>(value);
         }
+        cursor = end;
     }
-    forEachCounter(c, [&](const char *name, uint32_t *field) {
-        for (const auto &pair : pairs) {
-            if (pair.first == name) {
-                *field = static_cast<uint32_t>(pair.second);
-            }
-        }
-    });
     *counters = c;
     return true;
 }

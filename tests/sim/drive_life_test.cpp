@@ -144,6 +144,11 @@ TEST_F(DriveLifeTest, CountersFollowWhatTheDriveDoes) {
     setDriveTemperature(settings, 40);
     setDriveVoltage(settings, 0x18);
     setSmartTrip(settings, 0x5D, 0x10);
+    Bytes sense(18);
+    ASSERT_FALSE(send({0x03, 0, 0, 0, 18, 0}, DataDirection::FromDevice, &sense).checkCondition);
+    EXPECT_EQ(sense[2] & 0x0F, 0x00);
+    EXPECT_EQ(sense[12], 0x5D) << "the trip, reported on request";
+    EXPECT_EQ(sense[13], 0x10);
     page = logPage(0x32);
     EXPECT_EQ(smartValue(page, Q::TemperatureNow), 40u);
     EXPECT_EQ(smartValue(page, Q::TemperatureHighest), 58u);
