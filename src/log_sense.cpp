@@ -14,7 +14,7 @@
 #include "kelpth/handlers.h"
 #include "kelpth/messages.h"
 #include "kelpth/trace.h"
-#include "smart_log_layouts.h"
+#include "layouts/smart_log_layouts.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "kelpth/diagnostics.h"
 #include "kelpth/messages.h"
 #include "kelpth/trace.h"
-#include "smart_log_layouts.h"
+#include "layouts/smart_log_layouts.h"
 
 namespace {
 

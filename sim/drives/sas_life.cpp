@@ -4,7 +4,7 @@
 #include "sas_life.h"
 
 #include "byte_order.h"
-#include "smart_log_layouts.h"
+#include "layouts/smart_log_layouts.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -8,7 +8,7 @@
 #pragma once
 
 #include "device.h"
-#include "smart_log_layouts.h"
+#include "layouts/smart_log_layouts.h"
 
 #include <cstdint>
 #include <string>

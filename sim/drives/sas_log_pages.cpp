@@ -2,9 +2,9 @@
 // SMART counters (0x32) built from what the drive has been through (sas_life), in the
 // layout its family shares with the log-sense report; LOG SENSE and LOG SELECT. Also the
 // bookkeeping every command leaves in that life: counters and the error history.
+#include "layouts/smart_log_layouts.h"
 #include "sas_drive_internal.h"
 #include "sas_life.h"
-#include "smart_log_layouts.h"
 
 #include <algorithm>
 #include <cstring>

@@ -5,8 +5,8 @@
 #include "drives/microcode_image.h"
 #include "drives/sas_drive.h"
 #include "drives/sas_life.h"
+#include "layouts/smart_log_layouts.h"
 #include "memory_device.h"
-#include "smart_log_layouts.h"
 
 #include <gtest/gtest.h>
 

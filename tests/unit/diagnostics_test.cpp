@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "kelpth/diagnostics.h"
-#include "smart_log_layouts.h"
+#include "layouts/smart_log_layouts.h"
 #include "stdout_capture.h"
 
 namespace {
@@ -278,6 +278,22 @@ TEST(SmartDecoders, ANullPageIsRefused) {
     for (auto decoder : {PrintLogPage32Fix73, PrintLogPage32Fix146, PrintLogPage32Fix36}) {
         int result = -1;
         EXPECT_EQ(screenOf([&] { result = decoder(nullptr); }), "KEL0014-E Parameter error. argno=1\n" + kAbnormalEnd);
+        EXPECT_EQ(result, 0);
+    }
+}
+
+TEST(Inquiry, EachMissingOutputIsNamedByItsArgumentNumber) {
+    char vendor[9] = {}, product[17] = {}, revision[5] = {};
+    struct Case {
+        char *vendorOut, *productOut, *revisionOut;
+        int argNo;
+    };
+    for (const Case &c :
+         {Case{nullptr, product, revision, 3}, Case{vendor, nullptr, revision, 4}, Case{vendor, product, nullptr, 5}}) {
+        int result = -1;
+        const std::string screen =
+            screenOf([&] { result = GetInquiry(0, 0, c.vendorOut, c.productOut, c.revisionOut, 0); });
+        EXPECT_EQ(screen, "KEL0014-E Parameter error. argno=" + std::to_string(c.argNo) + "\n" + kAbnormalEnd);
         EXPECT_EQ(result, 0);
     }
 }
