@@ -25,12 +25,13 @@ const char kUsage[] = "usage: kelsim <command>\n"
                       "                        script a fault for the next call(s); kinds: pass-status <1-255>,\n"
                       "                        init-fail <code>, no-controller, continfo-fail <code>,\n"
                       "                        raidstatus-fail <code>, driveinfo-fail [code]\n"
-                      "  fault list | fault clear\n"
-                      "The state folder is $KELSIM_DIR, else ${XDG_STATE_HOME:-$HOME/.local/state}/kelsim.\n";
+                      "  fault list | fault clear\n";
+const char kStateFolderNote[] = "The state folder is $KELSIM_DIR, else ${XDG_STATE_HOME:-$HOME/.local/state}/kelsim.\n";
 
 int usage() {
     fputs(kUsage, stderr);
     fputs(kDiagUsage, stderr);
+    fputs(kStateFolderNote, stderr);
     return 2;
 }
 
@@ -210,6 +211,7 @@ int main(int argc, char **argv) {
     if (command == "help" || command == "--help" || command == "-h") {
         fputs(kUsage, stdout);
         fputs(kDiagUsage, stdout);
+        fputs(kStateFolderNote, stdout);
         return 0;
     }
     return usage();
