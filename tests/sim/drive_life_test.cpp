@@ -158,6 +158,17 @@ TEST_F(DriveLifeTest, CountersFollowWhatTheDriveDoes) {
     EXPECT_EQ(smartValue(page, Q::SmartTripAsc), 0x5Du);
     EXPECT_EQ(smartValue(page, Q::SmartTripAtMinutes), 120u);
 
+    // A read that meets a bad block (marked with WRITE LONG, WR_UNCOR) counts an error on
+    // that block's head.
+    Bytes noData;
+    ASSERT_FALSE(send({0x3F, 0x40, 0, 0, 0x28, 0x00, 0, 0, 0, 0}, DataDirection::ToDevice, &noData).checkCondition);
+    const ScsiResult bad = read10(5 * 2048, 1);
+    ASSERT_TRUE(bad.checkCondition);
+    ASSERT_EQ(bad.sense[2] & 0x0F, 0x03);
+    page = logPage(0x32);
+    EXPECT_EQ(smartValue(page, Q::ReadErrorsNow, 5), 1u);
+    EXPECT_EQ(smartValue(page, Q::SectorsRead, 5), 0u) << "nothing was read";
+
     // The clock persists: a drive built again over the same settings keeps its age.
     drive = makeSasDrive(identity, medium, settings);
     EXPECT_EQ(smartValue(logPage(0x32), Q::PowerOnMinutes), 120u);
