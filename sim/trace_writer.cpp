@@ -99,44 +99,57 @@ size_t nextEntryStart(const std::string &content, size_t from) {
     return content.size();
 }
 
+TraceLogWriter::~TraceLogWriter() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+bool TraceLogWriter::reopen() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+    fd_ = ::open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    return fd_ >= 0;
+}
+
 bool TraceLogWriter::open(const char *fileName, uint32_t maxSize) {
-    open_ = false;
+    if (fd_ >= 0) {
+        close(fd_);
+        fd_ = -1;
+    }
     if (fileName == nullptr || *fileName == '\0') {
         return false;
     }
     path_ = fileName;
     maxSize_ = maxSize;
-    int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return false;
-    }
-    close(fd);
-    open_ = true;
-    return true;
+    return reopen();
 }
 
 bool TraceLogWriter::append(const char *module, uint32_t line, const char *text, const void *data,
                             uint32_t dataLength) {
-    if (!open_) {
+    if (fd_ < 0) {
         return false;
     }
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     std::string entry = formatTraceEntry(now, getpid(), module, line, text, data, dataLength);
-    // Another run may replace the file while this one waits for the lock: retry on the new one.
+    // Another run may have replaced the file (or may replace it while this one waits for
+    // the lock): the entry goes to the file that has the name once the lock is held.
     for (int attempt = 0; attempt < 5; attempt++) {
-        int fd = ::open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0) {
+        if (flock(fd_, LOCK_EX) != 0) {
             return false;
         }
-        flock(fd, LOCK_EX);
         struct stat held, named;
-        bool current = fstat(fd, &held) == 0 && stat(path_.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
+        bool current = fstat(fd_, &held) == 0 && stat(path_.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
                        held.st_dev == named.st_dev;
-        bool written = current && appendLocked(fd, entry);
-        close(fd);
+        bool written = current && appendLocked(static_cast<uint64_t>(held.st_size), entry);
+        flock(fd_, LOCK_UN);
         if (current) {
             return written;
+        }
+        if (!reopen()) {
+            return false;
         }
     }
     return false;
@@ -144,17 +157,12 @@ bool TraceLogWriter::append(const char *module, uint32_t line, const char *text,
 
 // Called with the lock held. When the entry would take the file past the bound, the file
 // is replaced by its newest entries (about half the bound) followed by the new entry.
-bool TraceLogWriter::appendLocked(int fd, const std::string &entry) {
-    struct stat info;
-    if (fstat(fd, &info) != 0) {
-        return false;
-    }
-    uint64_t size = static_cast<uint64_t>(info.st_size);
+bool TraceLogWriter::appendLocked(uint64_t size, const std::string &entry) {
     if (maxSize_ == 0 || size + entry.size() <= maxSize_) {
-        return writeAll(fd, entry.data(), entry.size());
+        return writeAll(fd_, entry.data(), entry.size());
     }
     std::string content;
-    if (!readAll(fd, &content)) {
+    if (!readAll(fd_, &content)) {
         return false;
     }
     std::string kept;
@@ -176,6 +184,8 @@ bool TraceLogWriter::appendLocked(int fd, const std::string &entry) {
         unlink(temporary.c_str());
         return false;
     }
+    // The lock on the replaced file is released by the caller; this run's next entry
+    // finds the new file by its name.
     return true;
 }
 
