@@ -57,7 +57,7 @@ CREATE TABLE IF NOT EXISTS fault(
 const char *const kStatementText[] = {
     "SELECT lba, data FROM block WHERE drive = ?1 AND lba >= ?2 AND lba < ?3",
     "DELETE FROM block WHERE drive = ?1 AND lba >= ?2 AND lba < ?3",
-    "INSERT OR REPLACE INTO block(drive, lba, data) VALUES(?1, ?2, ?3)",
+    "INSERT INTO block(drive, lba, data) VALUES(?1, ?2, ?3) ON CONFLICT(drive, lba) DO UPDATE SET data = excluded.data",
     "SELECT count(*) FROM block WHERE drive = ?1",
     "SELECT value FROM setting WHERE drive = ?1 AND key = ?2",
     "INSERT OR REPLACE INTO setting(drive, key, value) VALUES(?1, ?2, ?3)",
@@ -320,34 +320,49 @@ bool StateStore::readBlocks(int64_t drive, uint64_t lba, uint32_t count, uint8_t
     return rc == SQLITE_DONE || failWith("read blocks");
 }
 
-// Zero blocks are not stored, so the table stays as sparse as the data written.
-bool StateStore::writeBlocks(int64_t drive, uint64_t lba, uint32_t count, const uint8_t *in) {
+bool StateStore::eraseBlocks(int64_t drive, uint64_t from, uint64_t to) {
     sqlite3_stmt *erase = statement(kDeleteBlocks);
-    sqlite3_stmt *insert = statement(kInsertBlock);
-    if (erase == nullptr || insert == nullptr) {
+    if (erase == nullptr) {
         return false;
     }
-    {
-        StatementUse use(erase);
-        sqlite3_bind_int64(erase, 1, drive);
-        sqlite3_bind_int64(erase, 2, static_cast<int64_t>(lba));
-        sqlite3_bind_int64(erase, 3, static_cast<int64_t>(lba + count));
-        if (!stepDone(erase, "write blocks")) {
-            return false;
-        }
+    StatementUse use(erase);
+    sqlite3_bind_int64(erase, 1, drive);
+    sqlite3_bind_int64(erase, 2, static_cast<int64_t>(from));
+    sqlite3_bind_int64(erase, 3, static_cast<int64_t>(to));
+    return stepDone(erase, "write blocks");
+}
+
+// Zero blocks are not stored, so the table stays as sparse as the data written. A
+// non-zero block replaces its row where it is (no range is emptied first, which would
+// make SQLite take the B-tree apart and build it again); a run of zero blocks removes
+// the rows of its range.
+bool StateStore::writeBlocks(int64_t drive, uint64_t lba, uint32_t count, const uint8_t *in) {
+    sqlite3_stmt *insert = statement(kInsertBlock);
+    if (insert == nullptr) {
+        return false;
     }
-    for (uint32_t i = 0; i < count; i++) {
+    for (uint32_t i = 0; i < count;) {
         const uint8_t *block = in + static_cast<size_t>(i) * kBlockSize;
         if (isAllZero(block)) {
+            uint32_t end = i + 1;
+            while (end < count && isAllZero(in + static_cast<size_t>(end) * kBlockSize)) {
+                end++;
+            }
+            if (!eraseBlocks(drive, lba + i, lba + end)) {
+                return false;
+            }
+            i = end;
             continue;
         }
-        StatementUse use(insert);
         sqlite3_bind_int64(insert, 1, drive);
         sqlite3_bind_int64(insert, 2, static_cast<int64_t>(lba + i));
         sqlite3_bind_blob(insert, 3, block, kBlockSize, SQLITE_STATIC);
-        if (!stepDone(insert, "write blocks")) {
+        bool stored = stepDone(insert, "write blocks");
+        sqlite3_reset(insert);
+        if (!stored) {
             return false;
         }
+        i++;
     }
     failpoint(failpoint_step::kMidWrite);
     return true;

@@ -103,6 +103,7 @@ class StateStore {
     };
     sqlite3_stmt *statement(Statement which);
     bool exec(const char *sql);
+    bool eraseBlocks(int64_t drive, uint64_t from, uint64_t to);
     int schemaVersion();
     bool ensureSchema(bool write);
     bool failWith(const char *what);

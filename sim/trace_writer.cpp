@@ -135,14 +135,14 @@ bool TraceLogWriter::append(const char *module, uint32_t line, const char *text,
     clock_gettime(CLOCK_REALTIME, &now);
     std::string entry = formatTraceEntry(now, getpid(), module, line, text, data, dataLength);
     // Another run may have replaced the file (or may replace it while this one waits for
-    // the lock): the entry goes to the file that has the name once the lock is held.
+    // the lock): the file this one holds then has no name left, and the entry goes to the
+    // file that now has the name.
     for (int attempt = 0; attempt < 5; attempt++) {
         if (flock(fd_, LOCK_EX) != 0) {
             return false;
         }
-        struct stat held, named;
-        bool current = fstat(fd_, &held) == 0 && stat(path_.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
-                       held.st_dev == named.st_dev;
+        struct stat held;
+        bool current = fstat(fd_, &held) == 0 && held.st_nlink > 0;
         bool written = current && appendLocked(static_cast<uint64_t>(held.st_size), entry);
         flock(fd_, LOCK_UN);
         if (current) {
