@@ -110,8 +110,10 @@ report "state folder KiB per KiB written" "$(python3 -c "print(round($folder / $
 echo "== memory and growth: P READ(10)/WRITE(10) on slot 2 of a farm holding 64 MiB"
 farm "$work/big"
 export KELSIM_DIR=$work/big
+# P sends 64 KiB at a time, each piece 0x10000 blocks further on: runs 0x80 blocks apart
+# fill distinct blocks.
 for ((i = 0; i < 32; i++)); do
-  param_file fill.txt "$(cdb10 2A $((0x100000 + i * 0x1000)) 0x1000)" 1
+  param_file fill.txt "$(cdb10 2A $((0x100000 + i * 0x80)) 0x1000)" 1
   "$kelpth" P fill.txt >/dev/null
 done
 blocks=$("$kelsim" show | awk '/slot 2 / { for (i = 1; i <= NF; i++) if ($i == "written") print $(i + 1) }')
