@@ -25,17 +25,18 @@ bool writeAll(int fd, const char *bytes, size_t size) {
     return true;
 }
 
-bool readAll(int fd, std::string *content) {
-    content->clear();
-    if (lseek(fd, 0, SEEK_SET) != 0) {
-        return false;
+// The file from offset `from` to its end (`size` bytes long).
+bool readTail(int fd, uint64_t from, uint64_t size, std::string *content) {
+    content->resize(static_cast<size_t>(size - from));
+    size_t done = 0;
+    while (done < content->size()) {
+        ssize_t n = pread(fd, &(*content)[done], content->size() - done, static_cast<off_t>(from + done));
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
     }
-    char buffer[65536];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0) {
-        content->append(buffer, static_cast<size_t>(n));
-    }
-    return n == 0;
+    return true;
 }
 
 // "2024-05-01 12:34:56." at pos: the start of an entry.
@@ -161,17 +162,19 @@ bool TraceLogWriter::appendLocked(uint64_t size, const std::string &entry) {
     if (maxSize_ == 0 || size + entry.size() <= maxSize_) {
         return writeAll(fd_, entry.data(), entry.size());
     }
-    std::string content;
-    if (!readAll(fd_, &content)) {
-        return false;
-    }
     std::string kept;
     if (entry.size() >= maxSize_ / 2) {
         kept = entry.substr(0, maxSize_); // an entry as big as the bound stands alone, cut
     } else {
-        size_t keep = maxSize_ / 2 - entry.size();
-        size_t from = content.size() > keep ? nextEntryStart(content, content.size() - keep) : 0;
-        kept = content.substr(from) + entry;
+        // Only the newest part is read: the byte before it too, which tells whether an
+        // entry starts right at its beginning.
+        uint64_t keep = maxSize_ / 2 - entry.size();
+        uint64_t base = size > keep ? size - keep - 1 : 0;
+        if (!readTail(fd_, base, size, &kept)) {
+            return false;
+        }
+        kept.erase(0, base > 0 ? nextEntryStart(kept, 1) : 0);
+        kept += entry;
     }
     std::string temporary = path_ + ".trim." + std::to_string(getpid());
     int out = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
