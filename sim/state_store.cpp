@@ -219,6 +219,13 @@ int StateStore::schemaVersion() {
 // own; the schema is only built the first time (a read transaction makes way for a write
 // one to build it).
 bool StateStore::ensureSchema(bool write) {
+    // The schema is built in one transaction with its last table: that table being there
+    // (a look at the schema SQLite has just read, no statement to compile) says it all.
+    if (sqlite3_table_column_metadata(db_, "main", "fault", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) ==
+        SQLITE_OK) {
+        schemaReady_ = true;
+        return true;
+    }
     int version = schemaVersion();
     if (version == kSchemaVersion) {
         schemaReady_ = true;
