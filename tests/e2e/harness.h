@@ -35,3 +35,10 @@ class FarmTest : public ::testing::Test {
 
 // "5A 5A ..." style check helpers.
 std::string repeatByte(const std::string &hexByte, int count);
+
+// A parameter file from its value lines, each preceded by a comment line.
+std::string paramFile(const std::vector<std::string> &values);
+std::vector<std::string> lines(const std::string &text);
+// Of a journal line: from the function name to the end of the CDB; one field's value.
+std::string journalCall(const std::string &line);
+std::string journalField(const std::string &line, const std::string &field);

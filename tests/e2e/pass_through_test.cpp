@@ -13,39 +13,6 @@ namespace {
 const std::string kRule = std::string(77, '-') + "\n";
 const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
 
-// A parameter file from its value lines, each preceded by a comment line.
-std::string paramFile(const std::vector<std::string> &values) {
-    std::string text;
-    for (size_t i = 0; i < values.size(); i++) {
-        text += "// value " + std::to_string(i + 1) + "\n" + values[i] + "\n";
-    }
-    return text;
-}
-
-std::vector<std::string> lines(const std::string &text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        result.push_back(line);
-    }
-    return result;
-}
-
-// The part of a journal line from the function name to the end of the CDB.
-std::string journalCall(const std::string &line) {
-    const size_t name = line.find(' ') + 1;
-    return line.substr(name, line.find(" len=") - name);
-}
-
-std::string journalField(const std::string &line, const std::string &field) {
-    const size_t at = line.find(" " + field + "=");
-    if (at == std::string::npos) {
-        return "";
-    }
-    const size_t start = at + field.size() + 2;
-    return line.substr(start, line.find(' ', start) - start);
-}
-
 const std::string kRead10 = "28000000000000000100";
 const std::string kWrite10 = "2A000000000000000100";
 // ATA PASS-THROUGH(16) blocks: IDENTIFY DEVICE, and READ/WRITE SECTOR(S) EXT of one
