@@ -1,5 +1,6 @@
 // RAID volumes: the block layouts of RAID 0, 1 and 5 (left-symmetric, parity kept on
-// every write) and the SCSI commands a logical drive answers.
+// every write), reads that rebuild and repair what a member cannot give, and the SCSI
+// commands a logical drive answers.
 #include "raid_volume.h"
 
 #include <algorithm>
@@ -29,8 +30,14 @@ void xorInto(uint8_t *target, const uint8_t *source, size_t size) {
     }
 }
 
-ScsiResult mediumError() {
-    return checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
+// MEDIUM ERROR with the first volume block that could not be read in INFORMATION.
+ScsiResult mediumError(uint64_t lba) {
+    ScsiResult result = checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
+    if (lba <= 0xFFFFFFFFULL) {
+        result.sense[0] |= 0x80; // VALID
+        putBigEndian(&result.sense[3], 4, lba);
+    }
+    return result;
 }
 
 // Copies a reply into the host buffer, cut at the allocation length and the buffer size.
@@ -66,14 +73,16 @@ uint64_t raidCapacity(RaidLevel level, uint32_t stripBlocks, const std::vector<u
     return 0;
 }
 
-RaidVolume::RaidVolume(RaidLevel level, uint32_t stripBlocks, std::vector<VolumeMember> members, std::string serial)
+RaidVolume::RaidVolume(RaidLevel level, uint32_t stripBlocks, std::vector<VolumeMember> members, std::string serial,
+                       DriveSettings *settings)
     : level_(level), stripBlocks_(stripBlocks == 0 ? 1 : stripBlocks), members_(std::move(members)),
-      serial_(std::move(serial)) {
+      serial_(std::move(serial)), settings_(settings) {
     std::vector<uint64_t> blocks;
     for (const VolumeMember &member : members_) {
         blocks.push_back(member.blocks);
     }
     capacity_ = raidCapacity(level_, stripBlocks_, blocks);
+    loadState();
 }
 
 // RAID 0: strip k is on member k mod n, row k div n.
@@ -108,23 +117,6 @@ StripExtent RaidVolume::locate(uint64_t volumeLba, uint32_t maxCount) const {
     return extent;
 }
 
-bool RaidVolume::readMember(int member, uint64_t lba, uint32_t count, uint8_t *out) {
-    VolumeMember &target = members_[static_cast<size_t>(member)];
-    if (target.mediaErrors != nullptr && target.mediaErrors->anyBad(lba, count)) {
-        return false;
-    }
-    target.medium->read(lba, count, out);
-    return true;
-}
-
-void RaidVolume::writeMember(int member, uint64_t lba, uint32_t count, const uint8_t *in) {
-    VolumeMember &target = members_[static_cast<size_t>(member)];
-    target.medium->write(lba, count, in);
-    if (target.mediaErrors != nullptr) {
-        target.mediaErrors->cleared(lba, count);
-    }
-}
-
 bool RaidVolume::reconstruct(int missing, uint64_t memberLba, uint32_t count, uint8_t *out) {
     size_t size = static_cast<size_t>(count) * kBlockSize;
     std::vector<uint8_t> other(size);
@@ -133,7 +125,7 @@ bool RaidVolume::reconstruct(int missing, uint64_t memberLba, uint32_t count, ui
         if (m == missing) {
             continue;
         }
-        if (!readMember(m, memberLba, count, other.data())) {
+        if (readMember(m, memberLba, count, other.data()).answer != Answer::Good) {
             return false; // two failures in one row: the data is gone
         }
         xorInto(out, other.data(), size);
@@ -141,20 +133,53 @@ bool RaidVolume::reconstruct(int missing, uint64_t memberLba, uint32_t count, ui
     return true;
 }
 
-bool RaidVolume::readExtent(const StripExtent &extent, uint8_t *out) {
+void RaidVolume::repair(int member, uint64_t memberLba, uint32_t count, const uint8_t *data) {
+    if (writeMember(member, memberLba, count, data) && repairObserver_) {
+        repairObserver_(MemberRepair{member, memberLba, count});
+    }
+}
+
+bool RaidVolume::readExtent(const StripExtent &extent, uint8_t *out, uint32_t *goodBlocks) {
+    *goodBlocks = 0;
     switch (level_) {
-    case RaidLevel::Raid0:
-        return readMember(extent.member, extent.memberLba, extent.count, out);
-    case RaidLevel::Raid1:
+    case RaidLevel::Raid0: {
+        MemberRead read = readMember(extent.member, extent.memberLba, extent.count, out);
+        *goodBlocks = read.goodBlocks;
+        return read.answer == Answer::Good;
+    }
+    case RaidLevel::Raid1: {
+        // The first mirror that gives the blocks wins; mirrors with a media error before it
+        // get them written back.
+        std::vector<int> damaged;
         for (int m = 0; m < static_cast<int>(members_.size()); m++) {
-            if (readMember(m, extent.memberLba, extent.count, out)) {
+            MemberRead read = readMember(m, extent.memberLba, extent.count, out);
+            if (read.answer == Answer::Good) {
+                for (int bad : damaged) {
+                    repair(bad, extent.memberLba, extent.count, out);
+                }
                 return true;
             }
+            if (read.answer == Answer::MediumError) {
+                damaged.push_back(m);
+            }
+            *goodBlocks = m == 0 ? read.goodBlocks : std::min(*goodBlocks, read.goodBlocks);
         }
         return false;
-    case RaidLevel::Raid5:
-        return readMember(extent.member, extent.memberLba, extent.count, out) ||
-               reconstruct(extent.member, extent.memberLba, extent.count, out);
+    }
+    case RaidLevel::Raid5: {
+        MemberRead read = readMember(extent.member, extent.memberLba, extent.count, out);
+        if (read.answer == Answer::Good) {
+            return true;
+        }
+        *goodBlocks = read.goodBlocks;
+        if (!reconstruct(extent.member, extent.memberLba, extent.count, out)) {
+            return false;
+        }
+        if (read.answer == Answer::MediumError) {
+            repair(extent.member, extent.memberLba, extent.count, out);
+        }
+        return true;
+    }
     }
     return false;
 }
@@ -162,13 +187,14 @@ bool RaidVolume::readExtent(const StripExtent &extent, uint8_t *out) {
 bool RaidVolume::writeExtent(const StripExtent &extent, const uint8_t *in) {
     switch (level_) {
     case RaidLevel::Raid0:
-        writeMember(extent.member, extent.memberLba, extent.count, in);
-        return true;
-    case RaidLevel::Raid1:
+        return writeMember(extent.member, extent.memberLba, extent.count, in);
+    case RaidLevel::Raid1: {
+        bool anyWritten = false;
         for (int m = 0; m < static_cast<int>(members_.size()); m++) {
-            writeMember(m, extent.memberLba, extent.count, in);
+            anyWritten = writeMember(m, extent.memberLba, extent.count, in) || anyWritten;
         }
-        return true;
+        return anyWritten;
+    }
     case RaidLevel::Raid5:
         break;
     }
@@ -176,19 +202,19 @@ bool RaidVolume::writeExtent(const StripExtent &extent, const uint8_t *in) {
     // the old parity are reconstructed when their own member cannot give them.
     size_t size = static_cast<size_t>(extent.count) * kBlockSize;
     std::vector<uint8_t> parity(size), oldData(size);
-    if (!readMember(extent.member, extent.memberLba, extent.count, oldData.data()) &&
+    if (readMember(extent.member, extent.memberLba, extent.count, oldData.data()).answer != Answer::Good &&
         !reconstruct(extent.member, extent.memberLba, extent.count, oldData.data())) {
         return false;
     }
-    if (!readMember(extent.parityMember, extent.memberLba, extent.count, parity.data()) &&
+    if (readMember(extent.parityMember, extent.memberLba, extent.count, parity.data()).answer != Answer::Good &&
         !reconstruct(extent.parityMember, extent.memberLba, extent.count, parity.data())) {
         return false;
     }
     xorInto(parity.data(), oldData.data(), size);
     xorInto(parity.data(), in, size);
-    writeMember(extent.member, extent.memberLba, extent.count, in);
-    writeMember(extent.parityMember, extent.memberLba, extent.count, parity.data());
-    return true;
+    bool dataWritten = writeMember(extent.member, extent.memberLba, extent.count, in);
+    bool parityWritten = writeMember(extent.parityMember, extent.memberLba, extent.count, parity.data());
+    return dataWritten || parityWritten;
 }
 
 ScsiResult RaidVolume::execute(const ScsiCommand &command) {
@@ -238,11 +264,12 @@ ScsiResult RaidVolume::transfer(const ScsiCommand &command, uint64_t lba, uint32
     while (done < blocks) {
         StripExtent extent = locate(lba + done, blocks - done);
         uint8_t *at = data + static_cast<size_t>(done) * kBlockSize;
-        bool ok = write ? writeExtent(extent, at) : readExtent(extent, at);
+        uint32_t goodBlocks = 0;
+        bool ok = write ? writeExtent(extent, at) : readExtent(extent, at, &goodBlocks);
         if (!ok) {
             ScsiResult failed = write ? checkCondition(sense::kMediumError, 0x0C, 0x00) // write error
-                                      : mediumError();
-            failed.transferred = done * kBlockSize;
+                                      : mediumError(lba + done + goodBlocks);
+            failed.transferred = (done + goodBlocks) * kBlockSize;
             return failed;
         }
         done += extent.count;
