@@ -31,6 +31,10 @@ struct ScsiResult {
 // Fixed-format sense data; the sense-key-specific field pointer is optional.
 ScsiResult checkCondition(uint8_t senseKey, uint8_t asc, uint8_t ascq);
 ScsiResult invalidFieldInCdb(uint16_t byteIndex, int bitIndex = -1);
+// Sets VALID and the information field.
+void setInformation(ScsiResult *result, uint32_t information);
+// UNRECOVERED READ ERROR naming the block (in the information field when it fits).
+ScsiResult mediumError(uint64_t lba);
 
 namespace sense {
 constexpr uint8_t kNoSense = 0x0, kRecoveredError = 0x1, kNotReady = 0x2, kMediumError = 0x3, kHardwareError = 0x4,

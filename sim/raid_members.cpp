@@ -3,6 +3,8 @@
 // compares mirrors and parity.
 #include "raid_volume.h"
 
+#include "byte_order.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -16,18 +18,11 @@ constexpr const char *kRebuildNextKey = "raid.rebuild-next";
 // One command moves at most this many blocks (an ATA sector count holds 65536).
 constexpr uint32_t kMostBlocksPerCommand = 0x8000;
 
-void putBigEndian(uint8_t *bytes, int width, uint64_t value) {
-    for (int i = width - 1; i >= 0; i--) {
-        bytes[i] = static_cast<uint8_t>(value);
-        value >>= 8;
-    }
-}
-
 // READ(16) or WRITE(16).
 void scsiBlockCdb(bool write, uint64_t lba, uint32_t count, uint8_t *cdb) {
     cdb[0] = write ? 0x8A : 0x88;
-    putBigEndian(cdb + 2, 8, lba);
-    putBigEndian(cdb + 10, 4, count);
+    putBe(cdb + 2, 8, lba);
+    putBe(cdb + 10, 4, count);
 }
 
 // ATA PASS-THROUGH(16): READ DMA EXT or WRITE DMA EXT, the length in 512-byte blocks in

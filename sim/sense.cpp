@@ -1,4 +1,5 @@
 // Fixed-format sense data (response code 0x70) for the simulated targets' CHECK CONDITION answers.
+#include "byte_order.h"
 #include "device.h"
 
 namespace kelsim {
@@ -21,8 +22,20 @@ ScsiResult invalidFieldInCdb(uint16_t byteIndex, int bitIndex) {
         keySpecific |= 0x08 | static_cast<uint8_t>(bitIndex); // BPV and the bit pointer
     }
     result.sense[15] = keySpecific;
-    result.sense[16] = static_cast<uint8_t>(byteIndex >> 8);
-    result.sense[17] = static_cast<uint8_t>(byteIndex & 0xFF);
+    putBe(&result.sense[16], 2, byteIndex);
+    return result;
+}
+
+void setInformation(ScsiResult *result, uint32_t information) {
+    result->sense[0] |= 0x80; // VALID: the information field means something
+    putBe(&result->sense[3], 4, information);
+}
+
+ScsiResult mediumError(uint64_t lba) {
+    ScsiResult result = checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
+    if (lba <= 0xFFFFFFFFULL) {
+        setInformation(&result, static_cast<uint32_t>(lba));
+    }
     return result;
 }
 
