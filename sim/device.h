@@ -68,6 +68,9 @@ namespace kelsim {
 
 enum class DriveInterface { Sas, Sata };
 
+// A long block holds at most this many bytes (data and check bytes).
+constexpr uint32_t kLargestLongBlock = 4096;
+
 // What the topology says about one physical drive.
 struct DriveIdentity {
     DriveInterface interface = DriveInterface::Sas;
@@ -77,6 +80,7 @@ struct DriveIdentity {
     std::string serial;
     uint64_t nativeBlocks = 0;                // native capacity in 512-byte blocks
     bool writeUncorrectableSupported = false; // SATA: IDENTIFY word 119 bit 2
+    uint32_t longBlockBytes = 520;            // SAS: a block's data and check bytes (READ/WRITE LONG)
 };
 
 // Small persistent per-drive settings (current capacity, mode-page values, ...),

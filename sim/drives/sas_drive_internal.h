@@ -14,9 +14,7 @@
 namespace kelsim {
 namespace sas {
 
-constexpr uint32_t kCheckBytes = 8;                           // per block, behind the data in a long block
-constexpr uint32_t kLongBlockSize = kBlockSize + kCheckBytes; // what READ LONG / WRITE LONG move
-constexpr uint32_t kDataBufferSize = 0x10000;                 // WRITE BUFFER / READ BUFFER mode 2
+constexpr uint32_t kDataBufferSize = 0x10000; // WRITE BUFFER / READ BUFFER mode 2
 constexpr uint32_t kMaxMicrocodeSize = 0x100000;
 constexpr uint32_t kBounceBlocks = 128; // blocks per medium access for commands that walk a range
 
