@@ -110,6 +110,22 @@ bool RaidVolume::reconstruct(int missing, uint64_t memberLba, uint32_t count, ui
     return true;
 }
 
+bool RaidVolume::otherDataXor(const StripExtent &extent, uint8_t *out) {
+    size_t size = static_cast<size_t>(extent.count) * kBlockSize;
+    std::vector<uint8_t> other(size);
+    memset(out, 0, size);
+    for (int m = 0; m < static_cast<int>(members_.size()); m++) {
+        if (m == extent.member || m == extent.parityMember) {
+            continue;
+        }
+        if (readMember(m, extent.memberLba, extent.count, other.data()).answer != Answer::Good) {
+            return false;
+        }
+        xorInto(out, other.data(), size);
+    }
+    return true;
+}
+
 void RaidVolume::repair(int member, uint64_t memberLba, uint32_t count, const uint8_t *data) {
     if (writeMember(member, memberLba, count, data) && repairObserver_) {
         repairObserver_(MemberRepair{member, memberLba, count});
@@ -176,18 +192,22 @@ bool RaidVolume::writeExtent(const StripExtent &extent, const uint8_t *in) {
         break;
     }
     // Read-modify-write: new parity = old parity ^ old data ^ new data. The old data and
-    // the old parity are reconstructed when their own member cannot give them.
+    // the old parity are reconstructed when their own member cannot give them; when neither
+    // can be had, the parity is made afresh from the row's other data and the new data.
     size_t size = static_cast<size_t>(extent.count) * kBlockSize;
     std::vector<uint8_t> parity(size), oldData(size);
-    if (readMember(extent.member, extent.memberLba, extent.count, oldData.data()).answer != Answer::Good &&
-        !reconstruct(extent.member, extent.memberLba, extent.count, oldData.data())) {
+    const bool haveOldData =
+        readMember(extent.member, extent.memberLba, extent.count, oldData.data()).answer == Answer::Good ||
+        reconstruct(extent.member, extent.memberLba, extent.count, oldData.data());
+    const bool haveOldParity =
+        haveOldData &&
+        (readMember(extent.parityMember, extent.memberLba, extent.count, parity.data()).answer == Answer::Good ||
+         reconstruct(extent.parityMember, extent.memberLba, extent.count, parity.data()));
+    if (haveOldParity) {
+        xorInto(parity.data(), oldData.data(), size);
+    } else if (!otherDataXor(extent, parity.data())) {
         return false;
     }
-    if (readMember(extent.parityMember, extent.memberLba, extent.count, parity.data()).answer != Answer::Good &&
-        !reconstruct(extent.parityMember, extent.memberLba, extent.count, parity.data())) {
-        return false;
-    }
-    xorInto(parity.data(), oldData.data(), size);
     xorInto(parity.data(), in, size);
     bool dataWritten = writeMember(extent.member, extent.memberLba, extent.count, in);
     bool parityWritten = writeMember(extent.parityMember, extent.memberLba, extent.count, parity.data());

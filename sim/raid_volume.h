@@ -105,6 +105,8 @@ class RaidVolume : public ScsiTarget {
     bool writeExtent(const StripExtent &extent, const uint8_t *in);
     // The blocks of one member rebuilt from the XOR of all the others (RAID 5).
     bool reconstruct(int missing, uint64_t memberLba, uint32_t count, uint8_t *out);
+    // The XOR of the row's data members other than the extent's own (RAID 5).
+    bool otherDataXor(const StripExtent &extent, uint8_t *out);
     // A member that gave a media error gets the rebuilt blocks written back.
     void repair(int member, uint64_t memberLba, uint32_t count, const uint8_t *data);
 

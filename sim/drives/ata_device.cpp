@@ -200,6 +200,9 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
     case 0x45:
         completion = writeUncorrectable(request);
         break;
+    case ata::kCommandWriteLong:
+        completion = writeLong(request);
+        break;
     case 0xFE:
         completion = vendorErrorInjection(request);
         break;

@@ -24,6 +24,9 @@ struct AtaCommandBlock {
 enum class AtaDataPhase { None, In, Out }; // In: from the device to the host
 
 namespace ata {
+// A legacy long sector (READ LONG / WRITE LONG): the data and this many ECC bytes.
+constexpr uint32_t kLongSectorEccBytes = 4;
+constexpr uint8_t kCommandWriteLong = 0x32;
 constexpr uint8_t kStatusError = 0x01, kStatusSeekComplete = 0x10, kStatusReady = 0x40;
 constexpr uint8_t kErrorAbort = 0x04, kErrorIdNotFound = 0x10, kErrorUncorrectable = 0x40;
 } // namespace ata
@@ -64,6 +67,7 @@ class AtaDevice {
     AtaCompletion writeSectors(const Request &request, bool extended);
     AtaCompletion readVerify(const Request &request, bool extended);
     AtaCompletion writeUncorrectable(const Request &request);
+    AtaCompletion writeLong(const Request &request);
     AtaCompletion vendorErrorInjection(const Request &request);
     // SMART and logs (ata_smart_log.cpp).
     AtaCompletion smart(const Request &request);

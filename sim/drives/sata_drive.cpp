@@ -178,7 +178,10 @@ class SataDrive : public ScsiTarget {
             *refusal = invalidFieldInCdb(kFlagsByte, kLengthFieldBit);
             return false;
         }
-        const uint64_t bytes = pass.lengthInBlocks ? uint64_t{units} * kBlockSize : units;
+        // A legacy WRITE LONG's block is the long sector: the data and its ECC bytes.
+        const uint64_t unit =
+            pass.registers.command == ata::kCommandWriteLong ? kBlockSize + ata::kLongSectorEccBytes : kBlockSize;
+        const uint64_t bytes = pass.lengthInBlocks ? uint64_t{units} * unit : units;
         if (bytes == 0 || bytes != command.dataLength || command.data == nullptr) {
             *refusal = invalidFieldInCdb(lengthByte);
             return false;

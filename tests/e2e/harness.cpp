@@ -29,6 +29,13 @@ void FarmTest::SetUp() {
 }
 
 void FarmTest::TearDown() {
+    // Whatever a test did through kelpth, the volumes' mirrors and parity still agree,
+    // unless the test broke them on purpose.
+    if (checkVolumesAtEnd && !HasFailure() && access(stateDir.c_str(), F_OK) == 0 &&
+        access((stateDir + "/farm.conf").c_str(), F_OK) == 0) {
+        RunResult check = kelsim({"check"});
+        EXPECT_EQ(check.exitStatus, 0) << check.out << check.err;
+    }
     if (!workDir.empty() && !HasFailure()) {
         std::string command = "rm -rf '" + workDir + "'";
         (void)system(command.c_str());

@@ -29,8 +29,9 @@ class FarmTest : public ::testing::Test {
     void writeFile(const std::string &name, const std::string &content) const;
     std::string traceLog() const { return readFile("kelpth.log"); }
 
-    std::string workDir;  // the current directory of every run
-    std::string stateDir; // KELSIM_DIR of every run
+    bool checkVolumesAtEnd = true; // "kelsim check" must pass when the test ends
+    std::string workDir;           // the current directory of every run
+    std::string stateDir;          // KELSIM_DIR of every run
 };
 
 // "5A 5A ..." style check helpers.
