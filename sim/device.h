@@ -26,6 +26,7 @@ struct ScsiResult {
     bool checkCondition = false;
     std::array<uint8_t, 18> sense{}; // fixed format, response code 0x70
     uint32_t transferred = 0;        // bytes moved to or from the host buffer
+    bool timedOut = false;           // no status at all: the initiator gives up waiting
 };
 
 // Fixed-format sense data; the sense-key-specific field pointer is optional.

@@ -88,6 +88,10 @@ RaidVolume::MemberRead RaidVolume::readMember(int member, uint64_t lba, uint32_t
         const uint32_t piece = std::min(count - read.goodBlocks, kMostBlocksPerCommand);
         ScsiResult result =
             sendToMember(member, false, lba + read.goodBlocks, piece, out + size_t{read.goodBlocks} * kBlockSize);
+        if (result.timedOut) {
+            read.answer = Answer::Failed;
+            return read;
+        }
         if (result.checkCondition) {
             read.goodBlocks += std::min(result.transferred / kBlockSize, piece);
             read.answer = (result.sense[2] & 0x0F) == sense::kMediumError ? Answer::MediumError : Answer::Failed;
@@ -106,7 +110,8 @@ bool RaidVolume::writeMember(int member, uint64_t lba, uint32_t count, const uin
         const uint32_t piece = std::min(count - done, kMostBlocksPerCommand);
         // The member only reads from the buffer of a write.
         uint8_t *data = const_cast<uint8_t *>(in + size_t{done} * kBlockSize);
-        if (sendToMember(member, true, lba + done, piece, data).checkCondition) {
+        const ScsiResult result = sendToMember(member, true, lba + done, piece, data);
+        if (result.checkCondition || result.timedOut) {
             return false;
         }
         done += piece;

@@ -145,6 +145,10 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
     nativeMaxJustRead_ = false;
     const Request request{registers, phase, data, length};
     AtaCompletion completion;
+    if (injectedError(registers, &completion)) {
+        completion.device = registers.device;
+        return completion;
+    }
     switch (registers.command) {
     case 0xEC:
         completion = identify(request);

@@ -29,6 +29,7 @@ constexpr uint32_t kLongSectorEccBytes = 4;
 constexpr uint8_t kCommandWriteLong = 0x32;
 constexpr uint8_t kStatusError = 0x01, kStatusSeekComplete = 0x10, kStatusReady = 0x40;
 constexpr uint8_t kErrorAbort = 0x04, kErrorIdNotFound = 0x10, kErrorUncorrectable = 0x40;
+constexpr uint8_t kErrorAddressMarkNotFound = 0x01, kErrorInterfaceCrc = 0x80;
 } // namespace ata
 
 // What the device leaves in its registers when the command completes.
@@ -39,6 +40,7 @@ struct AtaCompletion {
     uint64_t lba = 0;
     uint8_t device = 0;
     uint32_t transferred = 0; // bytes moved in the data phase
+    bool timedOut = false;    // the command never completes: the host gives up waiting
     bool failed() const { return (status & ata::kStatusError) != 0; }
 };
 
@@ -69,6 +71,10 @@ class AtaDevice {
     AtaCompletion writeUncorrectable(const Request &request);
     AtaCompletion writeLong(const Request &request);
     AtaCompletion vendorErrorInjection(const Request &request);
+    // The vendor error injection at work (ata_error_injection.cpp): a read, write or
+    // verify that the stored structure says must fail, counted against it.
+    bool injectedError(const AtaCommandBlock &registers, AtaCompletion *completion);
+    void injectionStructureChanged();
     // SMART and logs (ata_smart_log.cpp).
     AtaCompletion smart(const Request &request);
     AtaCompletion readLog(const Request &request);

@@ -123,6 +123,7 @@ AtaCompletion AtaDevice::vendorErrorInjection(const Request &request) {
         return aborted();
     }
     settings_.set(kErrorInjectionKey, toHex(request.data, kBlockSize));
+    injectionStructureChanged();
     return completed(kBlockSize);
 }
 

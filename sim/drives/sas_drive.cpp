@@ -120,6 +120,9 @@ ScsiResult SasDrive::dispatch(const ScsiCommand &command) {
     if (entry->needsSpinningMedium && stopped()) {
         return checkCondition(sense::kNotReady, kAscNotReady, kAscqInitializingCommandRequired);
     }
+    if (ScsiResult injected; injectedError(cdb.data(), &injected)) {
+        return injected;
+    }
     return (this->*entry->handler)(Request{cdb.data(), command});
 }
 

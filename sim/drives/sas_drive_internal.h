@@ -86,6 +86,13 @@ class SasDrive : public ScsiTarget {
     uint64_t currentBlocks() { return sasDriveBlocks(identity_, settings_); }
     bool stopped();
 
+    // ---- vendor error injection (sas_error_injection.cpp) ----
+
+    // A block command that page 0x22 says must fail: its sense, counted against the page.
+    bool injectedError(const uint8_t *cdb, ScsiResult *result);
+    // A new page 0x22 starts its count of failed commands again.
+    void injectionPageChanged();
+
     // ---- identity and state (sas_identity.cpp) ----
 
     ScsiResult testUnitReady(const Request &) { return ScsiResult{}; }
@@ -116,12 +123,14 @@ class SasDrive : public ScsiTarget {
     ScsiResult modeSelect10(const Request &request);
 
     std::vector<uint8_t> loadModePage(const ModePageDefinition &definition, int pageControl);
+    // The current vendor error-injection page 0x22 (page code first).
+    std::vector<uint8_t> currentInjectionPage();
     void storeModePage(const ModePageDefinition &definition, const std::vector<uint8_t> &page, bool save);
     bool collectModePages(uint8_t pageCode, int pageControl, std::vector<uint8_t> *pages);
     void blockDescriptor(int pageControl, bool longLba, std::vector<uint8_t> *out);
     ScsiResult modeSense(const Request &request, bool tenByte);
     ScsiResult applyModeParameters(const uint8_t *list, size_t length, size_t headerLength,
-                                   size_t blockDescriptorLength, bool longLba, bool save);
+                                   size_t blockDescriptorLength, bool longLba, bool save, bool pageFormat);
 
     // ---- log pages (sas_log_pages.cpp) ----
 

@@ -139,6 +139,57 @@ TEST_F(FaultInjection, SataInjectionSendsTheStructureAndShowsItSwapped) {
     EXPECT_EQ(journalField(calls[0], "len"), "512");
 }
 
+// The example pages of N and N5 fail reads and writes of blocks 0x12000..0x12007 with
+// MEDIUM ERROR, ASC 0x10, 16 times; a page with injection off restores normal answers.
+TEST_F(FaultInjection, InjectionPagesFailMatchingCommandsAsTheDriveDefinesThem) {
+    const std::string injected = "KEL0005-E Request sense data  KEY:03  ASC:10  ASCQ:00\n" + kAbnormalEnd;
+    for (const auto &[command, values] : {std::pair{"N", kPage28Values}, std::pair{"N5", kPage32Values}}) {
+        ASSERT_EQ(runWith(command, values).exitStatus, 0) << command;
+        EXPECT_TRUE(endsWith(readSector("2", "0x12007").out, injected)) << command;
+        EXPECT_TRUE(endsWith(kelpth({"PDOneSectorWrite", "0", "2", "0x12000"}).out, injected)) << command;
+        EXPECT_EQ(readSector("2", "0x12008").exitStatus, 0) << command << ": past the range";
+        EXPECT_EQ(readSector("2", "0x11FFF").exitStatus, 0) << command << ": before the range";
+    }
+    // The page also comes back from MODE SENSE, as the drive keeps it.
+    RunResult sense = runWith("ANY", {"0", "2", "1A0822002A00", "0", "0x2A"});
+    EXPECT_NE(sense.out.find("A2 20 01 00  01 00 10 05"), std::string::npos) << sense.out;
+    ASSERT_EQ(runWith("N5", with(kPage32Values, 4, "0")).exitStatus, 0);
+    EXPECT_EQ(readSector("2", "0x12000").exitStatus, 0);
+
+    // It fires as many times as the page says (16 here), then answers normally.
+    ASSERT_EQ(runWith("N", kPage28Values).exitStatus, 0);
+    int failed = 0;
+    for (int i = 0; i < 17; i++) {
+        failed += readSector("2", "0x12001").exitStatus;
+    }
+    EXPECT_EQ(failed, 16);
+}
+
+TEST_F(FaultInjection, SataInjectionFailsReadsWithTheNamedError) {
+    struct Case {
+        const char *type;
+        std::string tail;
+    };
+    for (const Case &c : std::vector<Case>{
+             {"IDNF", "KEL0005-E Request sense data  KEY:05  ASC:21  ASCQ:00\n" + kAbnormalEnd},
+             {"CTO", "KEL0023-E Request time out.\n" + kAbnormalEnd},
+             {"DCE", "KEL0005-E Request sense data  KEY:04  ASC:44  ASCQ:00\n" + kAbnormalEnd},
+             {"AMNF", "KEL0005-E Request sense data  KEY:03  ASC:13  ASCQ:00\n" + kAbnormalEnd},
+             {"CRC", "KEL0005-E Request sense data  KEY:0B  ASC:47  ASCQ:00\n" + kAbnormalEnd},
+             {"ECC", kMediumError},
+         }) {
+        ASSERT_EQ(runWith("A", with(kSataInjectionValues, 7, c.type)).exitStatus, 0) << c.type;
+        RunResult read = readSector("4", "0x1F407");
+        EXPECT_EQ(read.exitStatus, 1) << c.type;
+        EXPECT_TRUE(endsWith(read.out, c.tail)) << c.type << "\n" << read.out;
+        EXPECT_EQ(readSector("4", "0x1F408").exitStatus, 0) << c.type;
+        EXPECT_EQ(kelpth({"PDOneSectorWrite", "0", "4", "0x1F400"}).exitStatus, 0) << c.type << ": reads only";
+    }
+    // Injection off.
+    ASSERT_EQ(runWith("A", with(kSataInjectionValues, 3, "0")).exitStatus, 0);
+    EXPECT_EQ(readSector("4", "0x1F400").exitStatus, 0);
+}
+
 // Every refusal: what the screen ends with, and that nothing reached a drive.
 TEST_F(FaultInjection, RefusalsSendNothing) {
     const std::string sasRefused = "KEL0024-E <SAS> drive does not support this command.\n";

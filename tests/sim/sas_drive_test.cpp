@@ -337,6 +337,12 @@ TEST_F(SasDriveTest, ModeSelectPagesCurrentSavedAndRefusals) {
     Bytes wrongLength = {0, 0, 0, 0, 0x22, 0x10};
     wrongLength.resize(4 + 2 + 0x10);
     EXPECT_EQ(fieldPointer(out(modeSelect6(wrongLength, false), wrongLength)), 5);
+    // A vendor page needs PF.
+    Bytes injection = {0, 0, 0, 0, 0x22, 0x1C};
+    injection.resize(4 + 2 + 0x1C);
+    ScsiResult noPageFormat = out({0x15, 0x01, 0, 0, uint8_t(injection.size()), 0}, injection);
+    EXPECT_EQ(key(noPageFormat), sense::kIllegalRequest);
+    EXPECT_EQ(asc(noPageFormat), sense::kAscInvalidFieldInParameterList);
 }
 
 TEST_F(SasDriveTest, WriteLongMarksMediaErrorsUntilANormalWrite) {
