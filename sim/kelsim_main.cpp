@@ -102,6 +102,10 @@ int show(const std::string &stateDir) {
                    s, id.interface == DriveInterface::Sata ? "SATA" : "SAS", id.vendor.c_str(), id.product.c_str(),
                    id.revision.c_str(), id.serial.c_str(), id.nativeBlocks, humanSize(id.nativeBlocks).c_str(),
                    role.c_str(), written, changed.c_str());
+            if (std::string faults = reading.active() ? driveFaultsText(farm, static_cast<int>(c), s) : "";
+                !faults.empty()) {
+                printf("          faults: %s\n", faults.c_str());
+            }
         }
         for (int n = 0; n < kLogicalDrivesPerController; n++) {
             const LogicalDriveConfig &ld = controller.logicalDrives[static_cast<size_t>(n)];

@@ -3,6 +3,9 @@
 // through the volume and its members' device models, like the controller's own work.
 #include "kelsim_raid.h"
 
+#include "drives/ata_device.h"
+#include "drives/sas_drive.h"
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -203,6 +206,42 @@ int runRaidCommand(const std::string &stateDir, const std::string &command, cons
         return failure("usage: kelsim check");
     }
     return checkVolumes(farm);
+}
+
+std::string driveFaultsText(Farm &farm, int controllerNo, int slotNo) {
+    const SlotConfig *slot = farm.slot(controllerNo, slotNo);
+    if (slot == nullptr) {
+        return "";
+    }
+    StoredSettings settings(farm.store(), driveKey(controllerNo, slotNo));
+    std::string text;
+    std::string injection;
+    if (slot->identity.interface == DriveInterface::Sas) {
+        // The first few unreadable blocks by address, then how many in all.
+        uint64_t count = 0;
+        uint64_t bad = 0;
+        char lba[24];
+        for (uint64_t from = 0; sasFirstMediaError(settings, from, ~uint64_t{0} - from, &bad); from = bad + 1) {
+            if (++count <= 8) {
+                snprintf(lba, sizeof lba, "%s0x%" PRIX64, count == 1 ? "" : ",", bad);
+                text += lba;
+            }
+        }
+        if (count > 0) {
+            text = "bad blocks " + text + (count > 8 ? ",..." : "") + " (" + std::to_string(count) + ")";
+        }
+        injection = sasInjectionSummary(settings);
+    } else {
+        const uint64_t count = sataUncorrectableCount(settings);
+        if (count > 0) {
+            text = std::to_string(count) + " uncorrectable blocks";
+        }
+        injection = sataInjectionSummary(settings);
+    }
+    if (!injection.empty()) {
+        text += (text.empty() ? "" : "; ") + injection;
+    }
+    return text;
 }
 
 std::string volumeStateText(Farm &farm, int controllerNo, int ldNo) {

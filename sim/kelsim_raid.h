@@ -15,6 +15,10 @@ extern const char kRaidUsage[];
 // of them.
 int runRaidCommand(const std::string &stateDir, const std::string &command, const std::vector<std::string> &args);
 
+// A drive's faults for "kelsim show": its unreadable blocks and its error injection ("" when
+// it has none; inside a read transaction).
+std::string driveFaultsText(Farm &farm, int controllerNo, int slotNo);
+
 // "optimal", "degraded, slot 3 failed" or "rebuilding slot 3" (inside a read transaction).
 std::string volumeStateText(Farm &farm, int controllerNo, int ldNo);
 

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace kelsim {
 
@@ -102,5 +103,7 @@ uint64_t sataUncorrectableCount(DriveSettings &settings);
 uint64_t sataUserBlocks(const DriveIdentity &identity, DriveSettings &settings);
 // The last sector the vendor error-injection command (0xFE) received, if any.
 bool sataErrorInjectionData(DriveSettings &settings, AtaSector *out);
+// That structure as the drive reads it, in words ("" when injection is off).
+std::string sataInjectionSummary(DriveSettings &settings);
 
 } // namespace kelsim

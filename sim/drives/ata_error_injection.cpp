@@ -5,6 +5,7 @@
 #include "byte_order.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 namespace kelsim {
@@ -91,6 +92,27 @@ bool AtaDevice::injectedError(const AtaCommandBlock &registers, AtaCompletion *c
     default:
         return false;
     }
+}
+
+std::string sataInjectionSummary(DriveSettings &settings) {
+    AtaSector structure{};
+    if (!sataErrorInjectionData(settings, &structure) || (structure[kFlagsByte] & kEnabled) == 0) {
+        return "";
+    }
+    static const char *const kTypeNames[] = {"CTO", "DCE", "IDNF", "AMNF", "CRC", "ECC"};
+    const uint8_t type = structure[kErrorTypeByte];
+    const uint8_t flags = structure[kFlagsByte];
+    std::string text;
+    const uint64_t fired = settings.get(kInjectionFiredKey, &text) ? std::strtoull(text.c_str(), nullptr, 10) : 0;
+    const uint64_t fires = getLe(&structure[kFiresWord], 2);
+    char summary[160];
+    std::snprintf(summary, sizeof summary, "command 0xFE: %s%s%s blocks 0x%llX+%llu fail %s, %llu of %s fired",
+                  flags & kReads ? "read " : "", flags & kVerifies ? "verify " : "", flags & kWrites ? "write" : "",
+                  static_cast<unsigned long long>(getLe(&structure[kFirstLbaLong], 4)),
+                  static_cast<unsigned long long>(getLe(&structure[kLbaCountLong], 4)),
+                  type < 6 ? kTypeNames[type] : "nothing", static_cast<unsigned long long>(fired),
+                  fires == 0 ? "unlimited" : std::to_string(fires).c_str());
+    return summary;
 }
 
 void AtaDevice::injectionStructureChanged() {

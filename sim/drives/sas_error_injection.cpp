@@ -5,6 +5,8 @@
 #include "layouts/error_injection_layouts.h"
 #include "sas_drive_internal.h"
 
+#include "text_fields.h"
+#include <cstdio>
 #include <cstdlib>
 
 namespace kelsim {
@@ -65,6 +67,33 @@ uint8_t commandKind(uint8_t opcode) {
     }
 }
 
+struct Injection {
+    bool enabled = false;
+    uint8_t commands = 0, senseKey = 0, asc = 0, ascq = 0;
+    uint64_t firstLba = 0, lbaCount = 0, fires = 0;
+};
+
+Injection decodeInjection(const std::vector<uint8_t> &page) {
+    const bool longForm = page.size() == size_t{kellayouts::kPage32.pageLength} + 2;
+    const InjectionLayout &layout = longForm ? kellayouts::kPage32 : kellayouts::kPage28;
+    const InjectionMeaning &meaning = longForm ? kMeaning32 : kMeaning28;
+    Injection injection;
+    injection.enabled = (fieldOf(layout, meaning.enable, page) & 0x01) != 0;
+    injection.commands = static_cast<uint8_t>(fieldOf(layout, meaning.commands, page));
+    injection.senseKey = static_cast<uint8_t>(fieldOf(layout, meaning.senseKey, page) & 0x07);
+    injection.asc = static_cast<uint8_t>(fieldOf(layout, meaning.asc, page));
+    injection.ascq = static_cast<uint8_t>(fieldOf(layout, meaning.ascq, page));
+    injection.firstLba = fieldOf(layout, meaning.firstLba, page);
+    injection.lbaCount = fieldOf(layout, meaning.lbaCount, page);
+    injection.fires = fieldOf(layout, meaning.fires, page);
+    return injection;
+}
+
+uint64_t firedSoFar(DriveSettings &settings) {
+    std::string text;
+    return settings.get(kKeyInjectionFired, &text) ? std::strtoull(text.c_str(), nullptr, 10) : 0;
+}
+
 } // namespace
 
 bool SasDrive::injectedError(const uint8_t *cdb, ScsiResult *result) {
@@ -72,30 +101,22 @@ bool SasDrive::injectedError(const uint8_t *cdb, ScsiResult *result) {
     if (kind == 0) {
         return false;
     }
-    std::vector<uint8_t> page = currentInjectionPage();
-    const bool longForm = page.size() == size_t{kellayouts::kPage32.pageLength} + 2;
-    const InjectionLayout &layout = longForm ? kellayouts::kPage32 : kellayouts::kPage28;
-    const InjectionMeaning &meaning = longForm ? kMeaning32 : kMeaning28;
-    if ((fieldOf(layout, meaning.enable, page) & 0x01) == 0 || (fieldOf(layout, meaning.commands, page) & kind) == 0) {
+    const Injection injection = decodeInjection(currentInjectionPage());
+    if (!injection.enabled || (injection.commands & kind) == 0) {
         return false;
     }
     const BlockRange range = decodeBlockRange(cdb);
-    const uint64_t first = fieldOf(layout, meaning.firstLba, page);
-    const uint64_t last = first + fieldOf(layout, meaning.lbaCount, page); // exclusive
-    const uint64_t hit = std::max(range.lba, first);
+    const uint64_t last = injection.firstLba + injection.lbaCount; // exclusive
+    const uint64_t hit = std::max(range.lba, injection.firstLba);
     if (range.count == 0 || hit >= last || hit >= range.lba + range.count) {
         return false;
     }
-    const uint64_t fires = fieldOf(layout, meaning.fires, page);
-    std::string text;
-    const uint64_t fired = settings_.get(kKeyInjectionFired, &text) ? std::strtoull(text.c_str(), nullptr, 10) : 0;
-    if (fires != 0 && fired >= fires) {
+    const uint64_t fired = firedSoFar(settings_);
+    if (injection.fires != 0 && fired >= injection.fires) {
         return false;
     }
     settings_.set(kKeyInjectionFired, std::to_string(fired + 1));
-    *result = checkCondition(static_cast<uint8_t>(fieldOf(layout, meaning.senseKey, page) & 0x07),
-                             static_cast<uint8_t>(fieldOf(layout, meaning.asc, page)),
-                             static_cast<uint8_t>(fieldOf(layout, meaning.ascq, page)));
+    *result = checkCondition(injection.senseKey, injection.asc, injection.ascq);
     if (hit <= 0xFFFFFFFFULL) {
         setInformation(result, static_cast<uint32_t>(hit));
     }
@@ -107,4 +128,25 @@ void SasDrive::injectionPageChanged() {
 }
 
 } // namespace sas
+
+std::string sasInjectionSummary(DriveSettings &settings) {
+    std::string text;
+    std::vector<uint8_t> page;
+    if (!settings.get("mode.22.current", &text) || !fromHex(text, &page) || page.size() < 2) {
+        return "";
+    }
+    const sas::Injection injection = sas::decodeInjection(page);
+    if (!injection.enabled) {
+        return "";
+    }
+    char summary[160];
+    std::snprintf(summary, sizeof summary, "page 0x22: %s%s%s blocks 0x%llX+%llu fail %X/%02X/%02X, %llu of %s fired",
+                  injection.commands & sas::kReads ? "read " : "", injection.commands & sas::kVerifies ? "verify " : "",
+                  injection.commands & sas::kWrites ? "write" : "", static_cast<unsigned long long>(injection.firstLba),
+                  static_cast<unsigned long long>(injection.lbaCount), injection.senseKey, injection.asc,
+                  injection.ascq, static_cast<unsigned long long>(sas::firedSoFar(settings)),
+                  injection.fires == 0 ? "unlimited" : std::to_string(injection.fires).c_str());
+    return summary;
+}
+
 } // namespace kelsim
