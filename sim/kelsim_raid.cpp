@@ -90,10 +90,6 @@ int failMember(Farm &farm, const std::vector<std::string> &args) {
     if (args.size() != 3 || !parseNumber(args[2], &slot)) {
         return failure("usage: kelsim fail <ctl> <ld> <slot>");
     }
-    StoreTransaction transaction(farm.store(), true);
-    if (!transaction.active()) {
-        return failure("cannot open the state: " + farm.store().lastError());
-    }
     VolumeTarget target;
     std::string error;
     if (!findVolume(farm, args[0], args[1], &target, &error)) {
@@ -108,9 +104,6 @@ int failMember(Farm &farm, const std::vector<std::string> &args) {
         return failure(error);
     }
     farm.markVolumesDegraded(true);
-    if (!transaction.commit()) {
-        return failure("fail: " + farm.store().lastError());
-    }
     printf("controller %d ld %d: slot %" PRIu64 " failed, volume degraded\n", target.controllerNo, target.ldNo, slot);
     return 0;
 }
@@ -120,10 +113,6 @@ int rebuildMember(Farm &farm, const std::vector<std::string> &args) {
     if (!(args.size() == 2 || (args.size() == 4 && args[2] == "--blocks" && parseNumber(args[3], &maxBlocks)))) {
         return failure("usage: kelsim rebuild <ctl> <ld> [--blocks N]");
     }
-    StoreTransaction transaction(farm.store(), true);
-    if (!transaction.active()) {
-        return failure("cannot open the state: " + farm.store().lastError());
-    }
     VolumeTarget target;
     std::string error;
     if (!findVolume(farm, args[0], args[1], &target, &error)) {
@@ -132,9 +121,6 @@ int rebuildMember(Farm &farm, const std::vector<std::string> &args) {
     const bool rebuilt =
         target.volume->rebuild(rowsWithData(farm, target.controllerNo, *target.config), maxBlocks, &error);
     updateDegradedMarker(farm);
-    if (!transaction.commit()) {
-        return failure("rebuild: " + farm.store().lastError());
-    }
     if (!rebuilt) {
         return failure(error);
     }
@@ -143,10 +129,6 @@ int rebuildMember(Farm &farm, const std::vector<std::string> &args) {
 }
 
 int checkVolumes(Farm &farm) {
-    StoreTransaction transaction(farm.store(), true);
-    if (!transaction.active()) {
-        return failure("cannot open the state: " + farm.store().lastError());
-    }
     bool consistent = true;
     const Topology &topology = farm.topology();
     for (size_t c = 0; c < topology.controllers.size(); c++) {
@@ -180,8 +162,6 @@ int checkVolumes(Farm &farm) {
             consistent = consistent && mismatches == 0;
         }
     }
-    // Nothing is written by a check; the transaction only keeps other runs out meanwhile.
-    transaction.commit();
     return consistent ? 0 : 1;
 }
 
@@ -196,16 +176,22 @@ int runRaidCommand(const std::string &stateDir, const std::string &command, cons
     if (!farm.load(&error)) {
         return failure(error);
     }
-    if (command == "fail") {
-        return failMember(farm, args);
-    }
-    if (command == "rebuild") {
-        return rebuildMember(farm, args);
-    }
-    if (!args.empty()) {
+    if (command == "check" && !args.empty()) {
         return failure("usage: kelsim check");
     }
-    return checkVolumes(farm);
+    // One transaction for the whole command: other runs wait, and what a failed rebuild
+    // did so far is kept (it goes on from there).
+    StoreTransaction transaction(farm.store(), true);
+    if (!transaction.active()) {
+        return failure("cannot open the state: " + farm.store().lastError());
+    }
+    const int status = command == "fail"      ? failMember(farm, args)
+                       : command == "rebuild" ? rebuildMember(farm, args)
+                                              : checkVolumes(farm);
+    if (!transaction.commit()) {
+        return failure(command + ": " + farm.store().lastError());
+    }
+    return status;
 }
 
 std::string driveFaultsText(Farm &farm, int controllerNo, int slotNo) {

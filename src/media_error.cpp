@@ -30,6 +30,7 @@ constexpr uint32_t kWrappedCdbLength = 12;
 constexpr uint32_t kProbeLba = 0x00010000;
 constexpr uint32_t kProbeLength = 0x200;
 constexpr size_t kAddressDigits = 8;
+constexpr size_t kCountDigits = 10;
 // Only the first 8 characters of the address line count, "0x" included.
 constexpr size_t kAddressConvertedChars = 8;
 
@@ -61,10 +62,12 @@ void setLbaAndLength(PassThroughRequest *request, uint32_t lba, uint16_t length)
 
 } // namespace
 
-int readMediaErrorCountLine(const char *module, int line, char *text, const char *label, int32_t *count) {
+int readMediaErrorStepLine(const char *module, int line, int valueNo, char *text, MediaErrorSteps *steps) {
+    const bool isCount = valueNo == 4;
+    const char *label = isCount ? "Media Error Count" : "Media Error Skip Count";
     cutLineEnd(text);
     int32_t value = -1;
-    if (scanDecimalNumber(text, kMediaErrorCountDigits)) {
+    if (scanDecimalNumber(text, kCountDigits)) {
         value = atoi(text);
     }
     if (value < 0) {
@@ -72,7 +75,9 @@ int readMediaErrorCountLine(const char *module, int line, char *text, const char
         KelPthErr0002(module, line);
         return 0;
     }
-    *count = value;
+    (isCount ? steps->count : steps->skip) = value;
+    printf("%s : %d\n%s", label, value, isCount ? "" : "\n");
+    traceLine("## %s : %d", label, value);
     return 1;
 }
 
@@ -127,8 +132,7 @@ int32_t KelPDHDDMediaErrorSet() {
     long controllerNo = 0;
     long driveNo = 0;
     uint64_t address = 0;
-    int32_t count = 0;
-    int32_t skip = 0;
+    MediaErrorSteps steps;
     bool complete = false;
     while (!complete) {
         char *line = file.nextValueLine();
@@ -165,19 +169,11 @@ int32_t KelPDHDDMediaErrorSet() {
             traceLine("## Media Error Address : 0x%08X", static_cast<uint32_t>(address));
             break;
         case 4:
-            if (readMediaErrorCountLine(KEL_HERE, line, "Media Error Count", &count) == 0) {
-                return 0;
-            }
-            printf("Media Error Count : %d\n", count);
-            traceLine("## Media Error Count : %d", count);
-            break;
         case 5:
-            if (readMediaErrorCountLine(KEL_HERE, line, "Media Error Skip Count", &skip) == 0) {
+            if (readMediaErrorStepLine(KEL_HERE, file.valueLineCount(), line, &steps) == 0) {
                 return 0;
             }
-            printf("Media Error Skip Count : %d\n\n", skip);
-            traceLine("## Media Error Skip Count : %d", skip);
-            complete = true;
+            complete = file.valueLineCount() == 5;
             break;
         default:
             break;
@@ -199,11 +195,11 @@ int32_t KelPDHDDMediaErrorSet() {
     // The skip count is the step from one corrupted block to the next: 0 hits one block
     // Count times.
     uint32_t block = static_cast<uint32_t>(address);
-    for (int32_t i = 0; i < count; i++) {
+    for (int32_t i = 0; i < steps.count; i++) {
         if (WriteLongCommand(controller, drive, block, longLength) == 0) {
             return 0;
         }
-        block += static_cast<uint32_t>(skip);
+        block += static_cast<uint32_t>(steps.skip);
     }
     return 1;
 }

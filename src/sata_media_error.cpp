@@ -66,8 +66,7 @@ int32_t KelPDHDDMediaErrorSet_SATA() {
     showParamFileName(file.path());
 
     uint64_t address = 0;
-    int32_t count = 0;
-    int32_t skip = 0;
+    MediaErrorSteps steps;
     bool complete = false;
     while (!complete) {
         char *line = file.nextValueLine();
@@ -101,19 +100,11 @@ int32_t KelPDHDDMediaErrorSet_SATA() {
             traceLine("## Media Error Address : 0x%012llX", static_cast<unsigned long long>(address));
             break;
         case 4:
-            if (readMediaErrorCountLine(KEL_HERE, line, "Media Error Count", &count) == 0) {
-                return 0;
-            }
-            printf("Media Error Count : %d\n", count);
-            traceLine("## Media Error Count : %d", count);
-            break;
         case 5:
-            if (readMediaErrorCountLine(KEL_HERE, line, "Media Error Skip Count", &skip) == 0) {
+            if (readMediaErrorStepLine(KEL_HERE, file.valueLineCount(), line, &steps) == 0) {
                 return 0;
             }
-            printf("Media Error Skip Count : %d\n\n", skip);
-            traceLine("## Media Error Skip Count : %d", skip);
-            complete = true;
+            complete = file.valueLineCount() == 5;
             break;
         default:
             break;
@@ -140,13 +131,13 @@ int32_t KelPDHDDMediaErrorSet_SATA() {
     const uint8_t checkBytes[] = {0x01, 0x02, 0x03, 0x04};
     memcpy(longSector + kSectorSize, checkBytes, sizeof checkBytes);
 
-    for (int32_t i = 0; i < count; i++) {
+    for (int32_t i = 0; i < steps.count; i++) {
         showCdb(request);
         uint32_t dataLength = writeUncorrectable ? 0 : kLongSectorBytes;
         if (sendDataIn(KEL_HERE, KelPasAnyCommand, &request, longSector, &dataLength, &sense) == 0) {
             return 0;
         }
-        address += static_cast<uint64_t>(static_cast<int64_t>(skip));
+        address += static_cast<uint64_t>(steps.skip);
         if (setAtaAddress48bit(0, address, &request.cdb[7]) == 0) {
             return 0;
         }

@@ -14,7 +14,12 @@ uint32_t ReadLongCommand(uint8_t controllerNo, uint8_t driveNo, uint32_t *ok);
 // success; 0 after the failure's messages.
 uint32_t WriteLongCommand(uint8_t controllerNo, uint8_t driveNo, uint32_t address, uint16_t longLength);
 
-// "Media Error Count" or "Media Error Skip Count" (the label): up to 10 decimal digits,
-// by atoi, not negative. A bad line reports KEL0022 with the label and KEL0002 and gives 0.
-constexpr size_t kMediaErrorCountDigits = 10;
-int readMediaErrorCountLine(const char *module, int line, char *text, const char *label, int32_t *count);
+// How many blocks to corrupt, and the step from one to the next (0: the same block).
+struct MediaErrorSteps {
+    int32_t count = 0;
+    int32_t skip = 0;
+};
+// Value line 4 ("Media Error Count") or 5 ("Media Error Skip Count") of E and e: up to 10
+// decimal digits, by atoi, not negative; echoed on the screen and in the trace. A bad line
+// reports KEL0022 with its label and KEL0002 and gives 0.
+int readMediaErrorStepLine(const char *module, int line, int valueNo, char *text, MediaErrorSteps *steps);
