@@ -6,6 +6,7 @@
 #include "faults.h"
 #include "journal.h"
 #include "kelsim_diag.h"
+#include "kelsim_raid.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -30,6 +31,7 @@ const char kStateFolderNote[] = "The state folder is $KELSIM_DIR, else ${XDG_STA
 
 int usage() {
     fputs(kUsage, stderr);
+    fputs(kRaidUsage, stderr);
     fputs(kDiagUsage, stderr);
     fputs(kStateFolderNote, stderr);
     return 2;
@@ -60,6 +62,7 @@ int reset(const std::string &stateDir) {
     if (!store.wipe()) {
         return failure("cannot wipe the state: " + store.lastError());
     }
+    Farm(stateDir).markVolumesDegraded(false);
     printf("default farm written to %s/farm.conf, state wiped\n", stateDir.c_str());
     return 0;
 }
@@ -108,6 +111,10 @@ int show(const std::string &stateDir) {
                    revision.c_str(), id.serial.c_str(), id.nativeBlocks, humanSize(id.nativeBlocks).c_str(),
                    role.c_str(), written, changed.c_str());
             fputs(conditions.c_str(), stdout);
+            if (std::string faults = reading.active() ? driveFaultsText(farm, static_cast<int>(c), s) : "";
+                !faults.empty()) {
+                printf("          faults: %s\n", faults.c_str());
+            }
         }
         for (int n = 0; n < kLogicalDrivesPerController; n++) {
             const LogicalDriveConfig &ld = controller.logicalDrives[static_cast<size_t>(n)];
@@ -121,8 +128,9 @@ int show(const std::string &stateDir) {
                 memberBlocks.push_back(controller.slots[static_cast<size_t>(slot)].identity.nativeBlocks);
             }
             uint64_t capacity = raidCapacity(ld.level, ld.stripBlocks, memberBlocks);
-            printf("  ld %d  %s  strip %u  members %s  %" PRIu64 " blocks (%s)\n", n, raidLevelName(ld.level),
-                   ld.stripBlocks, members.c_str(), capacity, humanSize(capacity).c_str());
+            std::string state = reading.active() ? volumeStateText(farm, static_cast<int>(c), n) : "?";
+            printf("  ld %d  %s  strip %u  members %s  %" PRIu64 " blocks (%s)  %s\n", n, raidLevelName(ld.level),
+                   ld.stripBlocks, members.c_str(), capacity, humanSize(capacity).c_str(), state.c_str());
         }
     }
     return 0;
@@ -208,8 +216,12 @@ int main(int argc, char **argv) {
     if (isDiagCommand(command)) {
         return runDiagCommand(stateDir, command, args);
     }
+    if (int status = runRaidCommand(stateDir, command, args); status >= 0) {
+        return status;
+    }
     if (command == "help" || command == "--help" || command == "-h") {
         fputs(kUsage, stdout);
+        fputs(kRaidUsage, stdout);
         fputs(kDiagUsage, stdout);
         fputs(kStateFolderNote, stdout);
         return 0;

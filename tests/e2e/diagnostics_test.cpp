@@ -177,6 +177,7 @@ TEST_F(LogSenseReport, AFailingDriveDoesNotStopTheWalk) {
 // 036 drive) after a write, a read, a read past its end and a temperature kelsim set, with
 // the drives' clock held by KELSIM_NOW.
 TEST_F(LogSenseReport, OneDrivesReportTellsWhatItWentThrough) {
+    checkVolumesAtEnd = false; // slot 3 is a RAID 5 member written here behind its volume
     const long long born = 1700000000;
     auto at = [&](long long seconds, const char *binary, std::vector<std::string> args) {
         args.insert(args.begin(), binary);
