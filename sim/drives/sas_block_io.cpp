@@ -1,6 +1,6 @@
 // The SAS drive's block I/O: READ and WRITE (6, 10, 12, 16), WRITE AND VERIFY, VERIFY,
-// WRITE SAME and SYNCHRONIZE CACHE, with the media-error marks stopping reads and cleared
-// by writes.
+// WRITE SAME and SYNCHRONIZE CACHE, with the media-error marks stopping reads and
+// reassigned by writes.
 #include "sas_drive_internal.h"
 
 #include <algorithm>
@@ -57,7 +57,7 @@ ScsiResult SasDrive::write(const Request &request) {
         return invalidFieldInCdb(range.lengthByte);
     }
     medium_.write(range.lba, static_cast<uint32_t>(range.count), data);
-    sasClearMediaErrors(settings_, range.lba, range.count);
+    reassignMarkedBlocks(request, range.lba, range.count);
     ScsiResult result;
     result.transferred = static_cast<uint32_t>(bytes);
     return result;
@@ -140,7 +140,7 @@ ScsiResult SasDrive::writeSame(const Request &request) {
         medium_.write(range.lba + done, blocks, chunk.data());
         done += blocks;
     }
-    sasClearMediaErrors(settings_, range.lba, range.count);
+    reassignMarkedBlocks(request, range.lba, range.count);
     ScsiResult result;
     result.transferred = kBlockSize;
     return result;

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kelsim {
 
@@ -21,8 +22,8 @@ std::string sasDriveRevision(const DriveIdentity &identity, DriveSettings &setti
 bool sasBlockHasMediaError(DriveSettings &settings, uint64_t lba);
 // The first unreadable block in [lba, lba + count), if any.
 bool sasFirstMediaError(DriveSettings &settings, uint64_t lba, uint64_t count, uint64_t *badLba);
-// What a normal write does to the marks of the blocks it writes.
-void sasClearMediaErrors(DriveSettings &settings, uint64_t lba, uint64_t count);
+// Clears the marks of the blocks written and gives back the blocks that had one.
+std::vector<uint64_t> sasClearMediaErrors(DriveSettings &settings, uint64_t lba, uint64_t count);
 // The vendor error injection page 0x22 as the drive reads it, in words ("" when off).
 std::string sasInjectionSummary(DriveSettings &settings);
 

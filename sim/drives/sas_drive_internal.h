@@ -22,6 +22,7 @@ constexpr uint8_t kSenseMiscompare = 0x0E;
 constexpr uint8_t kAscNotReady = 0x04, kAscqInitializingCommandRequired = 0x02;
 constexpr uint8_t kAscParameterListLengthError = 0x1A;
 constexpr uint8_t kAscMiscompareDuringVerify = 0x1D;
+constexpr uint8_t kAscWriteError = 0x0C, kAscqAutoReallocated = 0x01;
 
 // Persistent settings kept per drive.
 constexpr const char *kKeyCapacity = "capacity";        // decimal block count
@@ -158,6 +159,8 @@ class SasDrive : public ScsiTarget {
     ScsiResult writeLong(const Request &request);
     ScsiResult sendDiagnostic(const Request &request);
     ScsiResult receiveDiagnosticResults(const Request &request);
+    // A write over blocks marked bad gives each a spare sector (automatic reallocation).
+    void reassignMarkedBlocks(const Request &request, uint64_t lba, uint64_t count);
 
     DriveIdentity identity_;
     Medium &medium_;

@@ -2,6 +2,7 @@
 // settings, READ LONG and WRITE LONG (data plus check bytes), and SEND DIAGNOSTIC /
 // RECEIVE DIAGNOSTIC RESULTS.
 #include "sas_drive_internal.h"
+#include "sas_life.h"
 
 #include <algorithm>
 #include <array>
@@ -147,6 +148,19 @@ ScsiResult SasDrive::writeLong(const Request &request) {
     return result;
 }
 
+// The drive reallocates on write: each marked block in the range takes a spare sector and
+// the error history gains a recovered error naming it, 1/0C/01 (write error - recovered
+// with auto reallocation). The write itself still ends GOOD: recovered errors are only
+// reported when the host asks for them, and nothing here does.
+void SasDrive::reassignMarkedBlocks(const Request &request, uint64_t lba, uint64_t count) {
+    for (uint64_t bad : sasClearMediaErrors(settings_, lba, count)) {
+        countReassignedBlock(settings_);
+        ScsiResult recovered = checkCondition(sense::kRecoveredError, kAscWriteError, kAscqAutoReallocated);
+        setInformation(&recovered, static_cast<uint32_t>(std::min<uint64_t>(bad, 0xFFFFFFFF)));
+        recordCheckCondition(settings_, request.cdb, request.command.cdbLength, bad, recovered);
+    }
+}
+
 ScsiResult SasDrive::sendDiagnostic(const Request &request) {
     // Self-tests pass at once; a diagnostic page sent with PF is taken and ignored.
     uint32_t length = static_cast<uint32_t>(getBe(&request.cdb[3], 2));
@@ -187,17 +201,19 @@ bool sasFirstMediaError(DriveSettings &settings, uint64_t lba, uint64_t count, u
     return true;
 }
 
-void sasClearMediaErrors(DriveSettings &settings, uint64_t lba, uint64_t count) {
+std::vector<uint64_t> sasClearMediaErrors(DriveSettings &settings, uint64_t lba, uint64_t count) {
     std::set<uint64_t> marks = sas::loadMediaErrors(settings);
     auto first = marks.lower_bound(lba);
     auto last = first;
     while (last != marks.end() && *last - lba < count) {
         ++last;
     }
+    std::vector<uint64_t> cleared(first, last);
     if (first != last) {
         marks.erase(first, last);
         sas::storeMediaErrors(settings, marks);
     }
+    return cleared;
 }
 
 } // namespace kelsim

@@ -169,6 +169,20 @@ TEST_F(DriveLifeTest, CountersFollowWhatTheDriveDoes) {
     EXPECT_EQ(smartValue(page, Q::ReadErrorsNow, 5), 1u);
     EXPECT_EQ(smartValue(page, Q::SectorsRead, 5), 0u) << "nothing was read";
 
+    // Writing the bad block reallocates it: a spare sector goes, the error history gains a
+    // recovered write error naming the block, and the write itself ends GOOD.
+    ASSERT_FALSE(write10(5 * 2048 - 1, 3).checkCondition);
+    EXPECT_FALSE(read10(5 * 2048, 1).checkCondition);
+    EXPECT_EQ(smartValue(logPage(0x32), Q::SpareSectors), 1998u);
+    const Bytes history = logPage(0x31);
+    EXPECT_EQ(history[4 + 18], 0x01);
+    EXPECT_EQ(be(history, 4 + 19, 4), 5 * 2048u);
+    EXPECT_EQ(history[4 + 28], 0x0C);
+    EXPECT_EQ(history[4 + 29], 0x01);
+    EXPECT_EQ(history[4 + 64], 0x2A);
+    ASSERT_FALSE(write10(5 * 2048, 1).checkCondition);
+    EXPECT_EQ(smartValue(logPage(0x32), Q::SpareSectors), 1998u) << "a good block takes no spare";
+
     // The clock persists: a drive built again over the same settings keeps its age.
     drive = makeSasDrive(identity, medium, settings);
     EXPECT_EQ(smartValue(logPage(0x32), Q::PowerOnMinutes), 120u);
