@@ -11,6 +11,7 @@
 #   stripes   "kelpth w" + "kelpth r" on the RAID 5 volume / pwrite + pread of the same bytes
 #   growth    P READ(10)/WRITE(10) at 64 KiB .. 2 MiB: cost per MiB beyond the 64 KiB run
 #   dump      the stripe read's dump (bench/stripe_dump.cpp) / xxd on the same 128 KiB
+#   report, download   the diagnostics, from bench/diag_bench.sh
 # On a machine shared with other jobs, the timed processes run at a raised priority when
 # the bench may raise it (nice -10, as root), both sides of every pair alike, so that the
 # other jobs disturb the measurement less.
@@ -176,6 +177,14 @@ fi
 
 echo "== memory"
 report "peak resident KiB of any command run here (largest: $peak_command)" "$peak_rss" "<=" 8192
+
+# The diagnostics' figures (bench/diag_bench.sh), shown as they come and kept for the summary.
+while IFS= read -r line; do
+  echo "$line"
+  if [[ $line == *"(target "* ]]; then
+    results+=("$line")
+  fi
+done < <(RUNS=$runs bash "$here/diag_bench.sh" "$build")
 
 echo "== summary"
 printf '  %s\n' "${results[@]}"
