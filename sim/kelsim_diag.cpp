@@ -215,6 +215,20 @@ int runDiagCommand(const std::string &stateDir, const std::string &command, cons
     return image(args);
 }
 
+void listScriptedChecks(StateStore &store, const Topology &topology) {
+    for (size_t c = 0; c < topology.controllers.size(); c++) {
+        for (int s = 0; s < kSlotsPerController; s++) {
+            const SlotConfig &slot = topology.controllers[c].slots[static_cast<size_t>(s)];
+            StoredSettings settings(store, driveKey(static_cast<int>(c), s));
+            ScriptedCheck check;
+            if (slot.present && slot.identity.interface == DriveInterface::Sas && loadScriptedCheck(settings, &check)) {
+                printf("check-condition %zu %d %02X after=%u sense=%02X/%02X/%02X\n", c, s, check.opcode, check.after,
+                       check.senseKey, check.asc, check.ascq);
+            }
+        }
+    }
+}
+
 std::string describeSlotConditions(StateStore &store, int controller, int slot) {
     StoredSettings settings(store, driveKey(controller, slot));
     return describeDriveConditions(settings);

@@ -20,5 +20,8 @@ int runDiagCommand(const std::string &stateDir, const std::string &command, cons
 
 // One line of a SAS slot's conditions for "kelsim show", read in the caller's transaction.
 std::string describeSlotConditions(StateStore &store, int controller, int slot);
+// For "kelsim fault list": one line for each SAS drive of the farm with a check condition
+// scripted, read in the caller's transaction.
+void listScriptedChecks(StateStore &store, const Topology &topology);
 
 } // namespace kelsim

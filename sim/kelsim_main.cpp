@@ -177,6 +177,10 @@ int fault(const std::string &stateDir, const std::vector<std::string> &args) {
     } else if (args.size() == 1 && args[0] == "list") {
         store.listFaults(
             [](const ScriptedFault &f, int remaining) { printf("%s\n", describeFault(f, remaining).c_str()); });
+        Topology topology;
+        if (loadTopologyFile(stateDir, &topology, &error)) {
+            listScriptedChecks(store, topology); // a farm.conf that does not load: no drives to ask
+        }
     } else {
         ScriptedFault scripted;
         int count = 1;

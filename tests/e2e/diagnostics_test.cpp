@@ -355,6 +355,7 @@ TEST_F(FirmwareDownload, AFailureAtPieceThreeStopsTheDownloadAndKeepsTheOldFirmw
     makeImage("fw.bin", "MBA4SIM", "0303", 0xC0000);
     ASSERT_EQ(kelsim({"check-condition", "0", "6", "3B", "--after", "2"}).exitStatus, 0);
     EXPECT_NE(kelsim({"show"}).out.find("check condition 04/44/00 for opcode 3B after 2 more"), std::string::npos);
+    EXPECT_NE(kelsim({"fault", "list"}).out.find("check-condition 0 6 3B after=2 sense=04/44/00\n"), std::string::npos);
     RunResult run = kelpth({"F", "fw.bin"});
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:04  ASC:44  ASCQ:00\n" + kAbnormalEnd), std::string::npos)
@@ -368,6 +369,7 @@ TEST_F(FirmwareDownload, AFailureAtPieceThreeStopsTheDownloadAndKeepsTheOldFirmw
     EXPECT_NE(journal.find("kelsim check-condition 3B after 2 sense 04/44/00 ctl=0 pd=6"), std::string::npos)
         << journal;
     EXPECT_EQ(inquiryRevision("6"), "0101");
+    EXPECT_EQ(kelsim({"fault", "list"}).out.find("check-condition"), std::string::npos) << "used up";
 
     // An image for another product is refused when it completes; the old firmware stays.
     makeImage("other.bin", "SD1K073RC", "0909", 0x20000);
