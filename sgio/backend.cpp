@@ -1,0 +1,64 @@
+// Discovery once per process, and drive identities from sysfs or INQUIRY.
+#include "backend.h"
+
+#include "sg_command.h"
+
+#include <cstdlib>
+
+namespace kelsgio {
+
+std::string inquiryText(const uint8_t *field, size_t width) {
+    std::string text(reinterpret_cast<const char *>(field), width);
+    size_t end = text.find_last_not_of(std::string(" \0", 2));
+    return end == std::string::npos ? std::string() : text.substr(0, end + 1);
+}
+
+bool Backend::load(std::string *error) {
+    if (loaded_) {
+        return true;
+    }
+    const char *listed = getenv("KELSGIO_DEVICES");
+    if (listed != nullptr && *listed != '\0') {
+        if (!parseDeviceList(listed, &controllers_, error)) {
+            return false;
+        }
+    } else {
+        controllers_ = discoverFromSysfs("/sys", "/dev");
+    }
+    loaded_ = true;
+    return true;
+}
+
+const Disk *Backend::disk(uint8_t controllerNo, uint8_t driveNo) const {
+    if (controllerNo >= controllers_.size() || driveNo >= controllers_[controllerNo].disks.size()) {
+        return nullptr;
+    }
+    return &controllers_[controllerNo].disks[driveNo];
+}
+
+bool Backend::identity(uint8_t controllerNo, uint8_t driveNo, DriveIdentity *identity) {
+    if (controllerNo >= controllers_.size() || driveNo >= controllers_[controllerNo].disks.size()) {
+        return false;
+    }
+    Disk &disk = controllers_[controllerNo].disks[driveNo];
+    if (disk.vendor.empty() && disk.product.empty()) {
+        uint8_t answer[36] = {};
+        const uint8_t inquiry[6] = {0x12, 0, 0, 0, sizeof answer, 0};
+        Outcome outcome =
+            sendCommand(disk.device, inquiry, sizeof inquiry, Direction::FromDevice, answer, sizeof answer, false);
+        if (outcome.status != 0 || outcome.transferred < sizeof answer) {
+            return false;
+        }
+        disk.vendor = inquiryText(answer + 8, 8);
+        disk.product = inquiryText(answer + 16, 16);
+        disk.revision = inquiryText(answer + 32, 4);
+    }
+    identity->vendor = disk.vendor;
+    identity->product = disk.product;
+    identity->revision = disk.revision;
+    identity->blocks = disk.blocks;
+    identity->sata = disk.vendor == "ATA";
+    return true;
+}
+
+} // namespace kelsgio

@@ -1,0 +1,46 @@
+// One command through the Linux SCSI generic interface (SG_IO), and what its answer
+// means as a pass-through library status.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kelsgio {
+
+enum class Direction { ToDevice, FromDevice, None };
+
+// A library status with what goes to the caller's sense area.
+struct Outcome {
+    int status = 0;
+    std::vector<uint8_t> detail; // fixed-format sense for status 4, else a NUL-terminated text
+    bool hasSense = false;
+    uint32_t transferred = 0; // bytes moved
+};
+
+// What SG_IO reported for one command (the fields of sg_io_hdr that matter here).
+struct SgAnswer {
+    int callErrno = 0;       // errno of a failed system call, 0 when it succeeded
+    const char *call = "";   // the call's name when callErrno is set
+    uint8_t scsiStatus = 0;  // status byte
+    uint16_t hostStatus = 0; // DID_*
+    uint16_t driverStatus = 0;
+    const uint8_t *sense = nullptr;
+    size_t senseLength = 0; // bytes the kernel wrote
+    uint32_t requested = 0; // dxfer_len
+    int resid = 0;
+};
+
+// The status the program reads for an answer. ataPassThrough: the command was ATA
+// PASS-THROUGH, so its register sense is read as such and "information available" is success.
+Outcome interpretAnswer(const SgAnswer &answer, bool ataPassThrough);
+
+Outcome systemCallFailed(int errorNumber, const char *call);
+Outcome executionError(const std::string &text);
+
+// Sends one command to device and waits for it (60 s at most).
+Outcome sendCommand(const std::string &device, const uint8_t *cdb, size_t cdbLength, Direction direction, void *data,
+                    uint32_t dataLength, bool ataPassThrough);
+
+} // namespace kelsgio
