@@ -23,41 +23,58 @@ bool Backend::load(std::string *error) {
             return false;
         }
     } else {
-        controllers_ = discoverFromSysfs("/sys", "/dev");
+        controllers_ = discoverFromSysfs("/sys");
     }
     loaded_ = true;
     return true;
 }
 
-const Disk *Backend::disk(uint8_t controllerNo, uint8_t driveNo) const {
+Disk *Backend::slot(uint8_t controllerNo, uint8_t driveNo) {
     if (controllerNo >= controllers_.size() || driveNo >= controllers_[controllerNo].disks.size()) {
         return nullptr;
     }
     return &controllers_[controllerNo].disks[driveNo];
 }
 
+const Disk *Backend::disk(uint8_t controllerNo, uint8_t driveNo) const {
+    return const_cast<Backend *>(this)->slot(controllerNo, driveNo);
+}
+
+std::string Backend::device(uint8_t controllerNo, uint8_t driveNo) {
+    Disk *disk = slot(controllerNo, driveNo);
+    if (disk == nullptr || !resolveDevice(disk, "/dev")) {
+        return std::string();
+    }
+    return disk->device;
+}
+
 bool Backend::identity(uint8_t controllerNo, uint8_t driveNo, DriveIdentity *identity) {
-    if (controllerNo >= controllers_.size() || driveNo >= controllers_[controllerNo].disks.size()) {
+    Disk *disk = slot(controllerNo, driveNo);
+    if (disk == nullptr) {
         return false;
     }
-    Disk &disk = controllers_[controllerNo].disks[driveNo];
-    if (disk.vendor.empty() && disk.product.empty()) {
+    if (!disk->identified && !disk->folder.empty()) {
+        readSysfsIdentity(disk);
+    }
+    if (!disk->identified) {
+        std::string node = device(controllerNo, driveNo);
         uint8_t answer[36] = {};
         const uint8_t inquiry[6] = {0x12, 0, 0, 0, sizeof answer, 0};
         Outcome outcome =
-            sendCommand(disk.device, inquiry, sizeof inquiry, Direction::FromDevice, answer, sizeof answer, false);
+            sendCommand(node, inquiry, sizeof inquiry, Direction::FromDevice, answer, sizeof answer, false);
         if (outcome.status != 0 || outcome.transferred < sizeof answer) {
             return false;
         }
-        disk.vendor = inquiryText(answer + 8, 8);
-        disk.product = inquiryText(answer + 16, 16);
-        disk.revision = inquiryText(answer + 32, 4);
+        disk->vendor = inquiryText(answer + 8, 8);
+        disk->product = inquiryText(answer + 16, 16);
+        disk->revision = inquiryText(answer + 32, 4);
+        disk->identified = true;
     }
-    identity->vendor = disk.vendor;
-    identity->product = disk.product;
-    identity->revision = disk.revision;
-    identity->blocks = disk.blocks;
-    identity->sata = disk.vendor == "ATA";
+    identity->vendor = disk->vendor;
+    identity->product = disk->product;
+    identity->revision = disk->revision;
+    identity->blocks = disk->blocks;
+    identity->sata = disk->vendor == "ATA";
     return true;
 }
 

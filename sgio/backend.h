@@ -22,10 +22,14 @@ class Backend {
     size_t controllerCount() const { return controllers_.size(); }
     // The disk in a slot, null when the controller or the slot is empty.
     const Disk *disk(uint8_t controllerNo, uint8_t driveNo) const;
-    // From sysfs when discovery gave it, else from INQUIRY (cached); false when INQUIRY fails.
+    // The node SG_IO goes to; empty when the disk has none any more.
+    std::string device(uint8_t controllerNo, uint8_t driveNo);
+    // From sysfs for a discovered disk, else from INQUIRY (cached); false when INQUIRY fails.
     bool identity(uint8_t controllerNo, uint8_t driveNo, DriveIdentity *identity);
 
   private:
+    Disk *slot(uint8_t controllerNo, uint8_t driveNo);
+
     bool loaded_ = false;
     std::vector<Controller> controllers_;
 };

@@ -2,12 +2,13 @@
 #include "discovery.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 
 namespace kelsgio {
@@ -33,14 +34,25 @@ bool parseHctl(const std::string &name, std::array<unsigned long, 4> *parts) {
     return true;
 }
 
+// The first line of a small file, trailing blanks dropped; empty when it cannot be read.
 std::string readLine(const std::string &path) {
-    std::ifstream in(path);
-    std::string line;
-    std::getline(in, line);
-    while (!line.empty() && (line.back() == ' ' || line.back() == '\n' || line.back() == '\r')) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return std::string();
+    }
+    char buffer[256];
+    ssize_t n = read(fd, buffer, sizeof buffer - 1);
+    close(fd);
+    std::string line(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+    line = line.substr(0, line.find('\n'));
+    while (!line.empty() && (line.back() == ' ' || line.back() == '\r')) {
         line.pop_back();
     }
     return line;
+}
+
+bool exists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
 }
 
 std::vector<std::string> listFolder(const std::string &path) {
@@ -67,7 +79,7 @@ std::string firstEntry(const std::string &path) {
 
 } // namespace
 
-std::vector<Controller> discoverFromSysfs(const std::string &sysRoot, const std::string &devRoot) {
+std::vector<Controller> discoverFromSysfs(const std::string &sysRoot) {
     const std::string devices = sysRoot + "/bus/scsi/devices";
     std::map<std::array<unsigned long, 4>, Disk> found;
     for (const std::string &name : listFolder(devices)) {
@@ -80,24 +92,12 @@ std::vector<Controller> discoverFromSysfs(const std::string &sysRoot, const std:
         if (type.empty() || strtol(type.c_str(), nullptr, 10) != kDiskPeripheralType) {
             continue;
         }
-        Disk disk;
-        disk.hctl = name;
-        disk.vendor = readLine(folder + "/vendor");
-        disk.product = readLine(folder + "/model");
-        disk.revision = readLine(folder + "/rev");
-        std::string generic = firstEntry(folder + "/scsi_generic");
-        std::string block = firstEntry(folder + "/block");
-        if (!block.empty()) {
-            std::string size = readLine(folder + "/block/" + block + "/size");
-            disk.blocks = strtoull(size.c_str(), nullptr, 10);
-        }
-        if (!generic.empty()) {
-            disk.device = devRoot + "/" + generic;
-        } else if (!block.empty()) {
-            disk.device = devRoot + "/" + block;
-        } else {
+        if (!exists(folder + "/scsi_generic") && !exists(folder + "/block")) {
             continue; // neither sg nor sd is bound: nothing to send commands to
         }
+        Disk disk;
+        disk.hctl = name;
+        disk.folder = folder;
         found.emplace(hctl, disk);
     }
     std::vector<Controller> controllers;
@@ -111,6 +111,32 @@ std::vector<Controller> discoverFromSysfs(const std::string &sysRoot, const std:
         }
     }
     return controllers;
+}
+
+bool resolveDevice(Disk *disk, const std::string &devRoot) {
+    if (!disk->device.empty()) {
+        return true;
+    }
+    std::string node = firstEntry(disk->folder + "/scsi_generic");
+    if (node.empty()) {
+        node = firstEntry(disk->folder + "/block");
+    }
+    if (node.empty()) {
+        return false;
+    }
+    disk->device = devRoot + "/" + node;
+    return true;
+}
+
+void readSysfsIdentity(Disk *disk) {
+    disk->vendor = readLine(disk->folder + "/vendor");
+    disk->product = readLine(disk->folder + "/model");
+    disk->revision = readLine(disk->folder + "/rev");
+    std::string block = firstEntry(disk->folder + "/block");
+    if (!block.empty()) {
+        disk->blocks = strtoull(readLine(disk->folder + "/block/" + block + "/size").c_str(), nullptr, 10);
+    }
+    disk->identified = true;
 }
 
 bool parseDeviceList(const std::string &text, std::vector<Controller> *controllers, std::string *error) {

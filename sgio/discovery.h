@@ -10,10 +10,14 @@ namespace kelsgio {
 
 constexpr size_t kSlotsPerController = 8;
 
+// A slot's disk. Discovery reads only what numbering needs; the device node and the
+// identity of a disk are read when a call asks for that disk.
 struct Disk {
     std::string hctl;   // "H:C:T:L", empty for a listed device
-    std::string device; // the node SG_IO goes to: /dev/sgN, else /dev/sdX
-    std::string vendor; // INQUIRY strings as sysfs shows them, trailing blanks dropped
+    std::string folder; // its sysfs folder, empty for a listed device
+    std::string device; // the node SG_IO goes to: /dev/sgN, else /dev/sdX; empty until resolved
+    bool identified = false;
+    std::string vendor; // INQUIRY strings, trailing blanks dropped
     std::string product;
     std::string revision;
     uint64_t blocks = 0; // capacity in 512-byte blocks, 0 when unknown
@@ -24,9 +28,16 @@ struct Controller {
     std::vector<Disk> disks;
 };
 
-// Disks (peripheral type 0) under sysRoot/bus/scsi/devices, grouped by host in host
-// order, at most eight a host; device nodes are named under devRoot.
-std::vector<Controller> discoverFromSysfs(const std::string &sysRoot, const std::string &devRoot);
+// Disks (peripheral type 0) under sysRoot/bus/scsi/devices that have an sg or sd node,
+// grouped by host in host order, at most eight a host.
+std::vector<Controller> discoverFromSysfs(const std::string &sysRoot);
+
+// The node of a discovered disk under devRoot: its sg node, else its sd node. False when
+// it has neither.
+bool resolveDevice(Disk *disk, const std::string &devRoot);
+
+// Vendor, product, revision and capacity of a discovered disk, from its sysfs folder.
+void readSysfsIdentity(Disk *disk);
 
 // KELSGIO_DEVICES: device paths separated by ',' for the slots of one controller, ';'
 // between controllers ("/dev/sg1,/dev/sg2;/dev/sg4"). False with a reason on a mistake.

@@ -131,8 +131,11 @@ Outcome execute(Backend &backend, const PassCall &call) {
     if (refused.status != KEL_STATUS_GOOD) {
         return refused;
     }
-    const Disk *disk = backend.disk(request.controllerNo, request.driveNo);
-    Outcome outcome = sendCommand(disk->device, command.cdb, command.cdbLength, command.direction, call.data,
+    std::string device = backend.device(request.controllerNo, request.driveNo);
+    if (device.empty()) {
+        return executionError("the drive has no sg or sd node");
+    }
+    Outcome outcome = sendCommand(device, command.cdb, command.cdbLength, command.direction, call.data,
                                   passedLength(call), command.ataPassThrough);
     if (call.sends) {
         outcome.transferred = 0;
