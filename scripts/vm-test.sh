@@ -13,12 +13,9 @@ hard_timeout=${KELVM_TIMEOUT:-240}
 
 # --- What the test needs, from Debian packages -------------------------------------
 need=()
-command -v qemu-system-x86_64 >/dev/null || need+=(qemu-system-x86)
-compgen -G "/boot/vmlinuz-*" >/dev/null || need+=(linux-image-amd64)
-[[ -x /bin/busybox ]] && file -L /bin/busybox 2>/dev/null | grep -q static || need+=(busybox-static)
-command -v sg_raw >/dev/null || need+=(sg3-utils)
-command -v cpio >/dev/null || need+=(cpio)
-command -v file >/dev/null || need+=(file)
+for p in qemu-system-x86 linux-image-amd64 busybox-static sg3-utils cpio; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need+=("$p")
+done
 if ((${#need[@]})); then
   echo "vm-test: installing ${need[*]}"
   export DEBIAN_FRONTEND=noninteractive
@@ -160,5 +157,6 @@ if ((!ok)); then
   cat "$log.txt"
   echo "---------------------"
 fi
-echo "vm-test: ${elapsed}s, guest checks: $passed passed, $failed failed, $skipped skipped"
+echo "vm-test: the guest ran ${elapsed}s"
+echo "vm-test: $passed passed, $failed failed, $skipped skipped"
 ((ok))
