@@ -62,10 +62,6 @@ Outcome systemCallFailed(int errorNumber, const char *call) {
     return textOutcome(KEL_STATUS_SYSTEM_CALL, text);
 }
 
-Outcome executionError(const std::string &text) {
-    return textOutcome(KEL_STATUS_EXECUTION, text);
-}
-
 Outcome interpretAnswer(const SgAnswer &answer, bool ataPassThrough) {
     if (answer.callErrno != 0) {
         return systemCallFailed(answer.callErrno, answer.call);

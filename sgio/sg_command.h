@@ -2,6 +2,8 @@
 // means as a pass-through library status.
 #pragma once
 
+#include "pass_request.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -11,13 +13,10 @@ namespace kelsgio {
 
 enum class Direction { ToDevice, FromDevice, None };
 
-// A library status with what goes to the caller's sense area.
-struct Outcome {
-    int status = 0;
-    std::vector<uint8_t> detail; // fixed-format sense for status 4, else a NUL-terminated text
-    bool hasSense = false;
-    uint32_t transferred = 0; // bytes moved
-};
+// A library status with what goes to the caller's sense area: fixed-format sense for
+// status 4, else a NUL-terminated text.
+using Outcome = kelcommon::PassOutcome;
+using kelcommon::executionError;
 
 // What SG_IO reported for one command (the fields of sg_io_hdr that matter here).
 struct SgAnswer {
@@ -36,8 +35,8 @@ struct SgAnswer {
 // PASS-THROUGH, so its register sense is read as such and "information available" is success.
 Outcome interpretAnswer(const SgAnswer &answer, bool ataPassThrough);
 
+// Status 5 with "%04d" errno and the call's name; status 7 with the errno for ENOMEM.
 Outcome systemCallFailed(int errorNumber, const char *call);
-Outcome executionError(const std::string &text);
 
 // Sends one command to device and waits for it (60 s at most).
 Outcome sendCommand(const std::string &device, const uint8_t *cdb, size_t cdbLength, Direction direction, void *data,

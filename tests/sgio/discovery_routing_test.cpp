@@ -134,82 +134,92 @@ PassThroughRequest request(uint32_t targetKind, uint8_t direction, std::vector<u
     return r;
 }
 
+// Routes a request; the routed command points into it.
+kelcommon::PassOutcome route(PassThroughRequest &request, bool sata, kelcommon::PassFunction function,
+                             kelcommon::RoutedCommand *command) {
+    kelcommon::PassCall call;
+    call.function = function;
+    call.request = &request;
+    return kelcommon::routeRequest(call, sata, command);
+}
+
 TEST(Routing, TheWrapperIsTakenOffToTheLengthOfTheInnerCommand) {
     struct Case {
         std::vector<uint8_t> cdb;
         uint8_t direction;
         size_t innerLength;
-        Direction sent;
     };
     const std::vector<Case> cases = {
-        {{0xBB, 3, 0x28, 0, 0, 0, 0x10, 0, 0, 1, 0, 0}, KEL_DIR_IN, 10, Direction::FromDevice},  // READ(10)
-        {{0xBA, 3, 0x2A, 0, 0, 0, 0x10, 0, 0, 1, 0, 0}, KEL_DIR_OUT, 10, Direction::ToDevice},   // WRITE(10)
-        {{0xBB, 3, 0x12, 0, 0, 0, 0x60, 0}, KEL_DIR_IN, 6, Direction::FromDevice},               // INQUIRY
-        {{0xBA, 3, 0x15, 0x10, 0, 0, 0x18, 0, 0, 0, 0, 0}, KEL_DIR_OUT, 6, Direction::ToDevice}, // MODE SELECT(6)
-        {{0xBB, 3, 0x88, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1},
-         KEL_DIR_IN,
-         14,
-         Direction::FromDevice}, // READ(16), cut
+        {{0xBB, 3, 0x28, 0, 0, 0, 0x10, 0, 0, 1, 0, 0}, KEL_DIR_IN, 10},          // READ(10)
+        {{0xBA, 3, 0x2A, 0, 0, 0, 0x10, 0, 0, 1, 0, 0}, KEL_DIR_OUT, 10},         // WRITE(10)
+        {{0xBB, 3, 0x12, 0, 0, 0, 0x60, 0}, KEL_DIR_IN, 6},                       // INQUIRY
+        {{0xBA, 3, 0x15, 0x10, 0, 0, 0x18, 0, 0, 0, 0, 0}, KEL_DIR_OUT, 6},       // MODE SELECT(6)
+        {{0xBB, 3, 0x88, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1}, KEL_DIR_IN, 14}, // READ(16), cut short
+        {{0xBB, 3, 0xA0, 0, 0, 0, 0, 0, 0, 0x10, 0, 0}, KEL_DIR_IN, 10},          // REPORT LUNS
     };
     for (const Case &c : cases) {
+        kelcommon::RoutedCommand command;
+        auto function =
+            c.direction == KEL_DIR_OUT ? kelcommon::PassFunction::WriteExtend : kelcommon::PassFunction::AnyCommand;
         PassThroughRequest r = request(KEL_TARGET_PHYSICAL, c.direction, c.cdb);
-        DriveCommand command;
-        Outcome outcome = checkRouting(r, false, c.direction == KEL_DIR_OUT, true, &command);
-        ASSERT_EQ(outcome.status, KEL_STATUS_GOOD) << int(c.cdb[2]);
+        ASSERT_EQ(route(r, false, function, &command).status, KEL_STATUS_GOOD) << int(c.cdb[2]);
         EXPECT_EQ(command.cdb, r.cdb + 2);
-        EXPECT_EQ(command.cdbLength, c.innerLength) << int(c.cdb[2]);
-        EXPECT_EQ(command.direction, c.sent);
+        EXPECT_EQ(command.direction, c.direction);
         EXPECT_FALSE(command.ataPassThrough);
+        EXPECT_EQ(commandLength(c.cdb[2], command.cdbLength), c.innerLength) << int(c.cdb[2]);
     }
 }
 
 TEST(Routing, RefusalsAndTheirStatuses) {
+    using kelcommon::PassFunction;
     struct Case {
         const char *name;
         PassThroughRequest request;
         bool sata;
-        bool sends;
-        bool anyCommand;
+        PassFunction function;
         int status;
     };
     const std::vector<uint8_t> wrappedRead = {0xBB, 3, 0x28, 0, 0, 0, 0, 0, 0, 1, 0, 0};
     PassThroughRequest otherDrive = request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, wrappedRead);
     otherDrive.cdb[1] = 2;
     const std::vector<Case> cases = {
-        {"wrapper names another drive", otherDrive, false, false, true, KEL_STATUS_PARAMETER},
-        {"0xBB sending data", request(KEL_TARGET_PHYSICAL, KEL_DIR_OUT, wrappedRead), false, false, true,
+        {"wrapper names another drive", otherDrive, false, PassFunction::AnyCommand, KEL_STATUS_PARAMETER},
+        {"0xBB sending data", request(KEL_TARGET_PHYSICAL, KEL_DIR_OUT, wrappedRead), false, PassFunction::AnyCommand,
          KEL_STATUS_READ_AND_WRITE},
         {"unwrapped CDB to a SAS drive", request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, {0x28, 0, 0, 0, 0, 0, 0, 0, 1, 0}),
-         false, false, true, KEL_STATUS_UNSUPPORTED},
-        {"wrapper to a SATA drive", request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, wrappedRead), true, false, true,
-         KEL_STATUS_UNSUPPORTED},
-        {"sending function reading", request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, wrappedRead), false, true, false,
-         KEL_STATUS_READ_AND_WRITE},
+         false, PassFunction::AnyCommand, KEL_STATUS_UNSUPPORTED},
+        {"wrapper to a SATA drive", request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, wrappedRead), true,
+         PassFunction::ReadSectorExt, KEL_STATUS_UNSUPPORTED},
+        {"sending function reading", request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, wrappedRead), false,
+         PassFunction::WriteBuffer, KEL_STATUS_READ_AND_WRITE},
+        {"reading function sending", request(KEL_TARGET_PHYSICAL, KEL_DIR_OUT, wrappedRead), false,
+         PassFunction::Inquiry, KEL_STATUS_READ_AND_WRITE},
         {"READ(10) to a logical drive as data out",
-         request(KEL_TARGET_LOGICAL, KEL_DIR_OUT, {0x28, 0, 0, 0, 0, 0, 0, 0, 1, 0}), false, false, true,
+         request(KEL_TARGET_LOGICAL, KEL_DIR_OUT, {0x28, 0, 0, 0, 0, 0, 0, 0, 1, 0}), false, PassFunction::AnyCommand,
          KEL_STATUS_READ_AND_WRITE},
     };
     for (const Case &c : cases) {
-        DriveCommand command;
-        EXPECT_EQ(checkRouting(c.request, c.sata, c.sends, c.anyCommand, &command).status, c.status) << c.name;
+        kelcommon::RoutedCommand command;
+        PassThroughRequest r = c.request;
+        EXPECT_EQ(route(r, c.sata, c.function, &command).status, c.status) << c.name;
     }
 }
 
 TEST(Routing, AtaPassThroughAndLogicalDrivesGoAsTheyAre) {
+    kelcommon::RoutedCommand command;
     PassThroughRequest ata =
         request(KEL_TARGET_PHYSICAL, KEL_DIR_NONE, {0x85, 0x07, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x40, 0xEA, 0});
-    DriveCommand command;
-    ASSERT_EQ(checkRouting(ata, true, false, true, &command).status, KEL_STATUS_GOOD);
+    ASSERT_EQ(route(ata, true, kelcommon::PassFunction::AnyCommand, &command).status, KEL_STATUS_GOOD);
     EXPECT_EQ(command.cdb, ata.cdb);
     EXPECT_EQ(command.cdbLength, 16u);
-    EXPECT_EQ(command.direction, Direction::None);
+    EXPECT_EQ(command.direction, KEL_DIR_NONE);
     EXPECT_TRUE(command.ataPassThrough);
 
     PassThroughRequest logical = request(KEL_TARGET_LOGICAL, KEL_DIR_IN, {0x28, 0, 0, 0, 0, 0x20, 0, 0, 1, 0});
-    ASSERT_EQ(checkRouting(logical, false, false, false, &command).status, KEL_STATUS_GOOD);
+    ASSERT_EQ(route(logical, false, kelcommon::PassFunction::ReadExtend, &command).status, KEL_STATUS_GOOD);
     EXPECT_EQ(command.cdb, logical.cdb);
     EXPECT_EQ(command.cdbLength, 10u);
-    EXPECT_EQ(command.direction, Direction::FromDevice);
+    EXPECT_FALSE(command.ataPassThrough);
 }
 
 } // namespace
