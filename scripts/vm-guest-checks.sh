@@ -141,6 +141,30 @@ param 1 0 85070000000000000000000000404500 2
 run ANY /tmp/param.txt
 check refused-write-uncorrectable-ext 1 "$ATA_ABORTED"
 
+# With D_SENSE set in its control mode page, libata answers in descriptor format with an
+# ATA Status Return descriptor; the program must read the same key and codes.
+sata_sg=/dev/$(ls /sys/bus/scsi/devices/1:0:0:0/scsi_generic)
+sg_raw -b -r 28 "$sata_sg" 5A 08 0A 00 00 00 00 00 1C 00 2>/dev/null | od -An -v -tu1 >/tmp/control.txt
+set -- $(cat /tmp/control.txt)
+if [ $# -ge 20 ] && [ $(($9 & 0x3F)) = 10 ]; then
+  # Mode parameter header (8 bytes, lengths zeroed) then the page with D_SENSE (byte 2 bit 2) set.
+  shift 8
+  page=$(($1 & 0x3F)) third=$(($3 | 4))
+  printf "$(printf '\\%03o' 0 0 0 0 0 0 0 0 $page $2 $third $4 $5 $6 $7 $8 $9 ${10} ${11} ${12})" >/tmp/control.bin
+  if sg_raw -s 20 -i /tmp/control.bin "$sata_sg" 55 10 00 00 00 00 00 00 14 00 >/dev/null 2>&1; then
+    # The kernel now answers in descriptor format: seen by the peer tool first.
+    out=$(sg_raw "$sata_sg" 85 07 00 00 00 00 00 00 00 00 00 00 00 40 37 00 2>&1)
+    has "Descriptor format" && pass d-sense-set || fail d-sense-set "sg_raw did not see descriptor sense"
+    param 1 0 85070000000000000000000000403700 2
+    run ANY /tmp/param.txt
+    check refused-set-max-address-ext-descriptor-sense 1 "$ATA_ABORTED"
+  else
+    fail set-d-sense "MODE SELECT of the control page was refused"
+  fi
+else
+  fail set-d-sense "no control mode page: $(cat /tmp/control.txt)"
+fi
+
 # --- scsi_debug: a kernel target we did not write ----------------------------------
 param 2 0 4D000000000000010000 0 0x100
 run ANY /tmp/param.txt

@@ -95,8 +95,9 @@ mount -t sysfs sys /sys
 mount -t devtmpfs dev /dev
 echo 1 >/proc/sys/kernel/printk
 for m in $(cat /modules/order); do insmod /modules/$m || echo "KELVM insmod $m failed"; done
-# LBA 0x1234 of the scsi_debug disk answers MEDIUM ERROR (opts bit 1).
-insmod /modules/scsi_debug.ko dev_size_mb=16 opts=2 medium_error_start=0x1234 medium_error_count=1 ||
+# LBA 0x1234 of the scsi_debug disk answers MEDIUM ERROR (opts bit 1), in descriptor-format
+# sense (dsense=1), which the library converts.
+insmod /modules/scsi_debug.ko dev_size_mb=16 opts=2 medium_error_start=0x1234 medium_error_count=1 dsense=1 ||
   echo "KELVM insmod scsi_debug failed"
 # Wait (10 s at most) for the three disks to have their sg nodes.
 i=0
