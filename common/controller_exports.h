@@ -1,21 +1,30 @@
-// The exported functions of a controller library (libkelctl.so): the trace log on a shared
+// The exported functions of a controller library (libkelctl.so): the trace log on one
 // TraceLogWriter, everything else on the library's own object. Include it in one source
-// file of the library and write KEL_DEFINE_CONTROLLER_EXPORTS(library, traceLog), where
-// library() returns an object with initContData, getContNum, getContInfo, getRaidStatus,
-// getPhysicalDriveInfo, lastError and finContData, and traceLog() a TraceLogWriter.
+// file of the library and write KEL_DEFINE_CONTROLLER_EXPORTS(library), where library()
+// returns an object with initContData, getContNum, getContInfo, getRaidStatus,
+// getPhysicalDriveInfo, lastError and finContData.
 #pragma once
 
 #include "trace_writer.h"
 
 #include "kelctl.h"
 
-#define KEL_DEFINE_CONTROLLER_EXPORTS(library, traceLog)                                                               \
+namespace kelcommon {
+
+inline kelsim::TraceLogWriter &traceLog() {
+    static kelsim::TraceLogWriter writer;
+    return writer;
+}
+
+} // namespace kelcommon
+
+#define KEL_DEFINE_CONTROLLER_EXPORTS(library)                                                                         \
     extern "C" {                                                                                                       \
     int initLog(const char *logFileName, uint32_t maxSize) {                                                           \
-        return traceLog().open(logFileName, maxSize) ? 1 : 0;                                                          \
+        return kelcommon::traceLog().open(logFileName, maxSize) ? 1 : 0;                                               \
     }                                                                                                                  \
     int dumpLog(const char *module, uint32_t line, const char *text, const void *data, uint32_t dataLength) {          \
-        return traceLog().append(module, line, text, data, dataLength) ? 1 : 0;                                        \
+        return kelcommon::traceLog().append(module, line, text, data, dataLength) ? 1 : 0;                             \
     }                                                                                                                  \
     int initContData(int mode) {                                                                                       \
         return library().initContData(mode);                                                                           \

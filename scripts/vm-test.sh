@@ -12,16 +12,7 @@ keep=0
 hard_timeout=${KELVM_TIMEOUT:-240}
 
 # --- What the test needs, from Debian packages -------------------------------------
-need=()
-for p in qemu-system-x86 linux-image-amd64 busybox-static sg3-utils cpio; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need+=("$p")
-done
-if ((${#need[@]})); then
-  echo "vm-test: installing ${need[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
-fi
+bash scripts/deps.sh qemu-system-x86 linux-image-amd64 busybox-static sg3-utils cpio
 
 # --- The program and the SG_IO libraries ---------------------------------------------
 [[ -f build/CMakeCache.txt ]] || cmake --preset default >/dev/null

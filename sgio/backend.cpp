@@ -60,8 +60,7 @@ bool Backend::identity(uint8_t controllerNo, uint8_t driveNo, DriveIdentity *ide
         std::string node = device(controllerNo, driveNo);
         uint8_t answer[36] = {};
         const uint8_t inquiry[6] = {0x12, 0, 0, 0, sizeof answer, 0};
-        Outcome outcome =
-            sendCommand(node, inquiry, sizeof inquiry, Direction::FromDevice, answer, sizeof answer, false);
+        Outcome outcome = sendCommand(node, inquiry, sizeof inquiry, KEL_DIR_IN, answer, sizeof answer, false);
         if (outcome.status != 0 || outcome.transferred < sizeof answer) {
             return false;
         }

@@ -9,11 +9,6 @@ kelsgio::ControllerLibrary &library() {
     return instance;
 }
 
-kelsim::TraceLogWriter &traceLog() {
-    static kelsim::TraceLogWriter writer;
-    return writer;
-}
-
 } // namespace
 
-KEL_DEFINE_CONTROLLER_EXPORTS(library, traceLog)
+KEL_DEFINE_CONTROLLER_EXPORTS(library)

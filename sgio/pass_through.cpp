@@ -15,17 +15,6 @@
 namespace kelsgio {
 namespace {
 
-Direction toDirection(uint8_t direction) {
-    switch (direction) {
-    case KEL_DIR_OUT:
-        return Direction::ToDevice;
-    case KEL_DIR_IN:
-        return Direction::FromDevice;
-    default:
-        return Direction::None;
-    }
-}
-
 Outcome execute(Backend &backend, const PassCall &call) {
     int argumentNo = kelcommon::firstBadArgument(call, [&](const PassThroughRequest &request) {
         return backend.disk(request.controllerNo, request.driveNo) != nullptr;
@@ -51,7 +40,7 @@ Outcome execute(Backend &backend, const PassCall &call) {
     if (device.empty()) {
         return executionError("the drive has no sg or sd node");
     }
-    Outcome outcome = sendCommand(device, routed.cdb, cdbLength, toDirection(routed.direction), call.data,
+    Outcome outcome = sendCommand(device, routed.cdb, cdbLength, routed.direction, call.data,
                                   kelcommon::passedLength(call), routed.ataPassThrough);
     outcome.setLength = !kelcommon::passFunctionSendsData(call.function);
     return outcome;

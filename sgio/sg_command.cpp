@@ -103,7 +103,7 @@ Outcome interpretAnswer(const SgAnswer &answer, bool ataPassThrough) {
     return outcome;
 }
 
-Outcome sendCommand(const std::string &device, const uint8_t *cdb, size_t cdbLength, Direction direction, void *data,
+Outcome sendCommand(const std::string &device, const uint8_t *cdb, size_t cdbLength, uint8_t direction, void *data,
                     uint32_t dataLength, bool ataPassThrough) {
     int fd = open(device.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
@@ -118,13 +118,13 @@ Outcome sendCommand(const std::string &device, const uint8_t *cdb, size_t cdbLen
     header.mx_sb_len = sizeof sense;
     header.timeout = kTimeoutMs;
     switch (direction) {
-    case Direction::ToDevice:
+    case KEL_DIR_OUT:
         header.dxfer_direction = dataLength > 0 ? SG_DXFER_TO_DEV : SG_DXFER_NONE;
         break;
-    case Direction::FromDevice:
+    case KEL_DIR_IN:
         header.dxfer_direction = dataLength > 0 ? SG_DXFER_FROM_DEV : SG_DXFER_NONE;
         break;
-    case Direction::None:
+    default:
         header.dxfer_direction = SG_DXFER_NONE;
         break;
     }

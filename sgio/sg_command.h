@@ -11,8 +11,6 @@
 
 namespace kelsgio {
 
-enum class Direction { ToDevice, FromDevice, None };
-
 // A library status with what goes to the caller's sense area: fixed-format sense for
 // status 4, else a NUL-terminated text.
 using Outcome = kelcommon::PassOutcome;
@@ -38,8 +36,8 @@ Outcome interpretAnswer(const SgAnswer &answer, bool ataPassThrough);
 // Status 5 with "%04d" errno and the call's name; status 7 with the errno for ENOMEM.
 Outcome systemCallFailed(int errorNumber, const char *call);
 
-// Sends one command to device and waits for it (60 s at most).
-Outcome sendCommand(const std::string &device, const uint8_t *cdb, size_t cdbLength, Direction direction, void *data,
+// Sends one command to device and waits for it (60 s at most); direction is a KEL_DIR_*.
+Outcome sendCommand(const std::string &device, const uint8_t *cdb, size_t cdbLength, uint8_t direction, void *data,
                     uint32_t dataLength, bool ataPassThrough);
 
 } // namespace kelsgio
