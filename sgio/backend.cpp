@@ -48,6 +48,20 @@ std::string Backend::device(uint8_t controllerNo, uint8_t driveNo) {
     return disk->device;
 }
 
+bool Backend::isSata(uint8_t controllerNo, uint8_t driveNo, bool *sata) {
+    Disk *disk = slot(controllerNo, driveNo);
+    if (disk != nullptr && !disk->identified && !disk->folder.empty()) {
+        *sata = readSysfsVendor(*disk) == "ATA";
+        return true;
+    }
+    DriveIdentity identity;
+    if (!this->identity(controllerNo, driveNo, &identity)) {
+        return false;
+    }
+    *sata = identity.sata;
+    return true;
+}
+
 bool Backend::identity(uint8_t controllerNo, uint8_t driveNo, DriveIdentity *identity) {
     Disk *disk = slot(controllerNo, driveNo);
     if (disk == nullptr) {

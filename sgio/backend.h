@@ -24,6 +24,9 @@ class Backend {
     const Disk *disk(uint8_t controllerNo, uint8_t driveNo) const;
     // The node SG_IO goes to; empty when the disk has none any more.
     std::string device(uint8_t controllerNo, uint8_t driveNo);
+    // A SATA drive is one whose vendor reads "ATA": from sysfs for a discovered disk (the
+    // vendor only), else from INQUIRY. False when INQUIRY fails.
+    bool isSata(uint8_t controllerNo, uint8_t driveNo, bool *sata);
     // From sysfs for a discovered disk, else from INQUIRY (cached); false when INQUIRY fails.
     bool identity(uint8_t controllerNo, uint8_t driveNo, DriveIdentity *identity);
 

@@ -34,9 +34,10 @@ bool parseHctl(const std::string &name, std::array<unsigned long, 4> *parts) {
     return true;
 }
 
-// The first line of a small file, trailing blanks dropped; empty when it cannot be read.
-std::string readLine(const std::string &path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+// The first line of a small file (relative to the folder `at`), trailing blanks dropped;
+// empty when it cannot be read.
+std::string readLine(int at, const std::string &path) {
+    int fd = openat(at, path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return std::string();
     }
@@ -51,8 +52,8 @@ std::string readLine(const std::string &path) {
     return line;
 }
 
-bool exists(const std::string &path) {
-    return access(path.c_str(), F_OK) == 0;
+std::string readLine(const std::string &path) {
+    return readLine(AT_FDCWD, path);
 }
 
 std::vector<std::string> listFolder(const std::string &path) {
@@ -82,23 +83,27 @@ std::string firstEntry(const std::string &path) {
 std::vector<Controller> discoverFromSysfs(const std::string &sysRoot) {
     const std::string devices = sysRoot + "/bus/scsi/devices";
     std::map<std::array<unsigned long, 4>, Disk> found;
+    int at = open(devices.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     for (const std::string &name : listFolder(devices)) {
         std::array<unsigned long, 4> hctl{};
         if (!parseHctl(name, &hctl)) {
             continue;
         }
-        const std::string folder = devices + "/" + name;
-        const std::string type = readLine(folder + "/type");
+        const std::string type = readLine(at, name + "/type");
         if (type.empty() || strtol(type.c_str(), nullptr, 10) != kDiskPeripheralType) {
             continue;
         }
-        if (!exists(folder + "/scsi_generic") && !exists(folder + "/block")) {
+        if (faccessat(at, (name + "/scsi_generic").c_str(), F_OK, 0) != 0 &&
+            faccessat(at, (name + "/block").c_str(), F_OK, 0) != 0) {
             continue; // neither sg nor sd is bound: nothing to send commands to
         }
         Disk disk;
         disk.hctl = name;
-        disk.folder = folder;
+        disk.folder = devices + "/" + name;
         found.emplace(hctl, disk);
+    }
+    if (at >= 0) {
+        close(at);
     }
     std::vector<Controller> controllers;
     for (auto &[hctl, disk] : found) {
@@ -128,8 +133,12 @@ bool resolveDevice(Disk *disk, const std::string &devRoot) {
     return true;
 }
 
+std::string readSysfsVendor(const Disk &disk) {
+    return readLine(disk.folder + "/vendor");
+}
+
 void readSysfsIdentity(Disk *disk) {
-    disk->vendor = readLine(disk->folder + "/vendor");
+    disk->vendor = readSysfsVendor(*disk);
     disk->product = readLine(disk->folder + "/model");
     disk->revision = readLine(disk->folder + "/rev");
     std::string block = firstEntry(disk->folder + "/block");

@@ -36,6 +36,9 @@ std::vector<Controller> discoverFromSysfs(const std::string &sysRoot);
 // it has neither.
 bool resolveDevice(Disk *disk, const std::string &devRoot);
 
+// The vendor of a discovered disk, from its sysfs folder.
+std::string readSysfsVendor(const Disk &disk);
+
 // Vendor, product, revision and capacity of a discovered disk, from its sysfs folder.
 void readSysfsIdentity(Disk *disk);
 

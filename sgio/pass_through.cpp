@@ -24,12 +24,8 @@ Outcome execute(Backend &backend, const PassCall &call) {
     }
     const PassThroughRequest &request = *call.request;
     bool sata = false;
-    if (request.targetKind == KEL_TARGET_PHYSICAL) {
-        DriveIdentity identity;
-        if (!backend.identity(request.controllerNo, request.driveNo, &identity)) {
-            return executionError("INQUIRY of the drive failed");
-        }
-        sata = identity.sata;
+    if (request.targetKind == KEL_TARGET_PHYSICAL && !backend.isSata(request.controllerNo, request.driveNo, &sata)) {
+        return executionError("INQUIRY of the drive failed");
     }
     kelcommon::RoutedCommand routed;
     if (Outcome refused = kelcommon::routeRequest(call, sata, &routed); refused.status != KEL_STATUS_GOOD) {
