@@ -179,4 +179,29 @@ void deliver(const PassCall &call, const PassOutcome &outcome) {
     }
 }
 
+kelsim::JournalEntry journalEntry(const PassCall &call, const PassOutcome &outcome) {
+    kelsim::JournalEntry entry;
+    entry.function = passFunctionName(call.function);
+    entry.dataLength = passedLength(call);
+    if (call.request != nullptr) {
+        const PassThroughRequest &request = *call.request;
+        entry.hasRequest = true;
+        entry.interfaceType = request.interfaceType;
+        entry.targetKind = request.targetKind;
+        entry.controllerNo = request.controllerNo;
+        entry.driveNo = request.driveNo;
+        entry.direction = request.direction;
+        entry.ataCommandFlag = request.ataCommandFlag;
+        entry.cdb.assign(request.cdb, request.cdb + std::min<uint32_t>(request.cdbLength, 16));
+    }
+    entry.status = outcome.status;
+    entry.hasSense = outcome.hasSense && outcome.detail.size() >= 14;
+    if (entry.hasSense) {
+        entry.senseKey = outcome.detail[2] & 0x0F;
+        entry.asc = outcome.detail[12];
+        entry.ascq = outcome.detail[13];
+    }
+    return entry;
+}
+
 } // namespace kelcommon

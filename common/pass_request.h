@@ -4,6 +4,8 @@
 // detail to the caller's sense area and length.
 #pragma once
 
+#include "journal.h"
+
 #include "kelpth.h"
 
 #include <cstddef>
@@ -87,5 +89,8 @@ PassOutcome routeRequest(const PassCall &call, bool sataDrive, RoutedCommand *co
 // Copies the detail into the sense area (within the size given, at most 260 bytes) and
 // the bytes moved into the read length when the outcome reports it.
 void deliver(const PassCall &call, const PassOutcome &outcome);
+
+// The journal's entry for a call and how it ended.
+kelsim::JournalEntry journalEntry(const PassCall &call, const PassOutcome &outcome);
 
 } // namespace kelcommon

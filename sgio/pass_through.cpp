@@ -47,27 +47,7 @@ void journal(const PassCall &call, const Outcome &outcome) {
     if (path == nullptr || *path == '\0') {
         return;
     }
-    kelsim::JournalEntry entry;
-    entry.function = kelcommon::passFunctionName(call.function);
-    entry.dataLength = kelcommon::passedLength(call);
-    if (call.request != nullptr) {
-        const PassThroughRequest &request = *call.request;
-        entry.hasRequest = true;
-        entry.interfaceType = request.interfaceType;
-        entry.targetKind = request.targetKind;
-        entry.controllerNo = request.controllerNo;
-        entry.driveNo = request.driveNo;
-        entry.direction = request.direction;
-        entry.ataCommandFlag = request.ataCommandFlag;
-        entry.cdb.assign(request.cdb, request.cdb + std::min<uint32_t>(request.cdbLength, 16));
-    }
-    entry.status = outcome.status;
-    entry.hasSense = outcome.hasSense;
-    if (outcome.hasSense) {
-        entry.senseKey = outcome.detail[2] & 0x0F;
-        entry.asc = outcome.detail[12];
-        entry.ascq = outcome.detail[13];
-    }
+    kelsim::JournalEntry entry = kelcommon::journalEntry(call, outcome);
     int fd = open(path, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
         return;

@@ -1,20 +1,28 @@
-// libkelpth.so of the simulated farm: the twelve pass-through functions.
-#include "pass_through.h"
-#include "pass_through_exports.h"
+// libkelpth.so of the simulated farm: the twelve pass-through functions, each passed on
+// to libkelsim.so.
+#include "library_entry.h"
 
-namespace {
+#define SIM_READ_FUNCTION(name, function)                                                                              \
+    KEL_PASS_THROUGH_READ(name) {                                                                                      \
+        return kelsim_passThrough(kelsim::PassFunction::function, request, data, dataLength, 0, sense, senseSize);     \
+    }
+#define SIM_WRITE_FUNCTION(name, function)                                                                             \
+    KEL_PASS_THROUGH_WRITE(name) {                                                                                     \
+        return kelsim_passThrough(kelsim::PassFunction::function, request, data, nullptr, dataLength, sense,           \
+                                  senseSize);                                                                          \
+    }
 
-// Built on first use and kept for the whole process, drives included (a SATA drive keeps
-// its power-cycle state between calls).
-kelsim::Farm &farm() {
-    static kelsim::Farm instance(kelsim::stateDirectoryFromEnvironment());
-    return instance;
+extern "C" {
+SIM_READ_FUNCTION(KelPasReadExtend, ReadExtend)
+SIM_WRITE_FUNCTION(KelPasWriteExtend, WriteExtend)
+SIM_READ_FUNCTION(KelPasReadSectorExt, ReadSectorExt)
+SIM_WRITE_FUNCTION(KelPasWriteSectorExt, WriteSectorExt)
+SIM_READ_FUNCTION(KelPasAnyCommand, AnyCommand)
+SIM_READ_FUNCTION(KelPasInquiry, Inquiry)
+SIM_READ_FUNCTION(KelPasLogSense, LogSense)
+SIM_READ_FUNCTION(KelPasModeSense, ModeSense)
+SIM_WRITE_FUNCTION(KelPasModeSelect, ModeSelect)
+SIM_READ_FUNCTION(KelPasReadLong, ReadLong)
+SIM_WRITE_FUNCTION(KelPasWriteLong, WriteLong)
+SIM_WRITE_FUNCTION(KelPasWriteBuffer, WriteBuffer)
 }
-
-int runCall(const kelcommon::PassCall &call) {
-    return kelsim::runPassThrough(farm(), call);
-}
-
-} // namespace
-
-KEL_DEFINE_PASS_THROUGH_EXPORTS(runCall)

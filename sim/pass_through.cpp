@@ -83,28 +83,9 @@ Outcome execute(Farm &farm, const PassCall &call) {
     return outcome;
 }
 
-void fillJournalEntry(const PassCall &call, JournalEntry *entry) {
-    entry->function = kelcommon::passFunctionName(call.function);
-    entry->dataLength = kelcommon::passedLength(call);
-    if (call.request != nullptr) {
-        const PassThroughRequest &request = *call.request;
-        entry->hasRequest = true;
-        entry->interfaceType = request.interfaceType;
-        entry->targetKind = request.targetKind;
-        entry->controllerNo = request.controllerNo;
-        entry->driveNo = request.driveNo;
-        entry->direction = request.direction;
-        entry->ataCommandFlag = request.ataCommandFlag;
-        entry->cdb.assign(request.cdb, request.cdb + std::min<uint32_t>(request.cdbLength, 16));
-    }
-}
-
 } // namespace
 
 int runPassThrough(Farm &farm, const PassCall &call) {
-    JournalEntry entry;
-    fillJournalEntry(call, &entry);
-
     std::string loadError;
     if (!farm.load(&loadError)) {
         Outcome failed = executionError(loadError);
@@ -126,14 +107,7 @@ int runPassThrough(Farm &farm, const PassCall &call) {
         } else {
             outcome = execute(farm, call);
         }
-        entry.status = outcome.status;
-        entry.hasSense = outcome.hasSense;
-        if (outcome.hasSense) {
-            entry.senseKey = outcome.detail[2] & 0x0F;
-            entry.asc = outcome.detail[12];
-            entry.ascq = outcome.detail[13];
-        }
-        store.appendJournal(entry);
+        store.appendJournal(kelcommon::journalEntry(call, outcome));
         if (transaction.commit()) {
             kelcommon::deliver(call, outcome);
             return outcome.status;
@@ -143,9 +117,7 @@ int runPassThrough(Farm &farm, const PassCall &call) {
     // and is journaled on its own if the store lets it.
     outcome = executionError("farm state: " + store.lastError());
     StoreTransaction retry(store, true);
-    entry.status = outcome.status;
-    entry.hasSense = false;
-    if (retry.active() && store.appendJournal(entry)) {
+    if (retry.active() && store.appendJournal(kelcommon::journalEntry(call, outcome))) {
         retry.commit();
     }
     kelcommon::deliver(call, outcome);

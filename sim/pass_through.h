@@ -4,6 +4,7 @@
 #pragma once
 
 #include "farm.h"
+#include "library_entry.h"
 #include "pass_request.h"
 
 #include "kelpth.h"
@@ -11,7 +12,6 @@
 namespace kelsim {
 
 using kelcommon::PassCall;
-using kelcommon::PassFunction;
 
 int runPassThrough(Farm &farm, const PassCall &call);
 

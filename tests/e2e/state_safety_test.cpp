@@ -3,6 +3,7 @@
 #include "harness.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +20,18 @@ class StateSafety : public FarmTest {
     void SetUp() override {
         FarmTest::SetUp();
         ASSERT_EQ(kelsim({"reset"}).exitStatus, 0);
+    }
+
+    // -1 when the file does not exist.
+    long long fileSize(const std::string &name) {
+        struct stat info;
+        return stat((stateDir + "/" + name).c_str(), &info) == 0 ? info.st_size : -1;
+    }
+
+    // "ok" or what the database check found; empty when sqlite3 is not installed.
+    std::string integrity() {
+        const RunResult check = run({"/usr/bin/sqlite3", stateDir + "/state.db", "PRAGMA integrity_check"});
+        return check.exitStatus == 127 ? "" : check.out;
     }
 
     size_t journalLength() {
@@ -117,12 +130,56 @@ TEST_F(StateSafety, KilledRunsLeaveWholeHalves) {
         const std::string dump = kelpth({"r", "0", "1", lba}).out;
         EXPECT_EQ(patternRows(dump) % 4096, 0) << "run " << i << " left " << patternRows(dump) << " rows";
     }
-    const RunResult check = run({"/usr/bin/sqlite3", stateDir + "/state.db", "PRAGMA integrity_check"});
-    if (check.exitStatus != 127) {
-        EXPECT_EQ(check.out, "ok\n");
+    const std::string check = integrity();
+    if (!check.empty()) {
+        EXPECT_EQ(check, "ok\n");
     }
     EXPECT_EQ(kelsim({"show"}).exitStatus, 0);
     EXPECT_EQ(kelpth({"w", "0", "1", "0x10", "0"}).exitStatus, 0) << "the farm still takes writes";
+}
+
+TEST_F(StateSafety, RunKilledAtEachFailpointLeavesTheStateAsBefore) {
+    // KELSIM_FAILPOINT stops the first half of a stripe write at an exact step: inside the
+    // transaction, just before COMMIT, and inside COMMIT with the database half written.
+    // Each time the journal of the unfinished transaction is left behind, and the next run
+    // puts everything back as it was.
+    ASSERT_EQ(kelpth({"w", "0", "1", "0x10", "0"}).exitStatus, 0);
+    for (const char *step : {"mid-write", "before-commit", "commit"}) {
+        const size_t calls = journalLength();
+        const RunResult killed =
+            run({KELPTH_BINARY, "w", "0", "1", "0x2000", "0"}, {std::string("KELSIM_FAILPOINT=") + step});
+        EXPECT_EQ(killed.exitStatus, 128 + SIGKILL) << step;
+        EXPECT_GT(fileSize("state.db-journal"), 0) << step;
+        EXPECT_EQ(patternRows(kelpth({"r", "0", "1", "0x2000"}).out), 0) << step;
+        EXPECT_EQ(patternRows(kelpth({"r", "0", "1", "0x10"}).out), 8192) << step << ": the earlier stripe";
+        EXPECT_EQ(fileSize("state.db-journal"), 0) << step;
+        EXPECT_EQ(journalLength(), calls + 4) << step << ": the killed call left no row";
+        const std::string check = integrity();
+        if (!check.empty()) {
+            EXPECT_EQ(check, "ok\n") << step;
+        }
+    }
+}
+
+TEST_F(StateSafety, RunsLeaveNoLogThatGrowsWithTheirNumber) {
+    // A farm left in WAL mode by an earlier version is switched over by the next run.
+    const RunResult toWal = run({"/usr/bin/sqlite3", stateDir + "/state.db", "PRAGMA journal_mode=WAL"});
+    ASSERT_EQ(kelpth({"PDOneSectorWrite", "0", "0", "0x10"}).exitStatus, 0);
+    if (toWal.exitStatus != 127) {
+        EXPECT_EQ(toWal.out, "wal\n");
+        EXPECT_EQ(fileSize("state.db-wal"), -1);
+    }
+    // Rewriting the same sector many times costs a journal row a run, not pages.
+    const long long before = fileSize("state.db");
+    for (int i = 0; i < 40; i++) {
+        ASSERT_EQ(kelpth({"PDOneSectorWrite", "0", "0", "0x10"}).exitStatus, 0);
+    }
+    EXPECT_LE(fileSize("state.db"), before + 3 * 4096);
+    EXPECT_EQ(fileSize("state.db-journal"), 0);
+    EXPECT_EQ(fileSize("state.db-wal"), -1);
+    EXPECT_EQ(journalLength(), 41u);
+    EXPECT_NE(kelpth({"PDOneSectorRead", "0", "0", "0x10"}).out.find("00000000: " + repeatByte("5A", 8)),
+              std::string::npos);
 }
 
 } // namespace
