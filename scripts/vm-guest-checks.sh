@@ -19,6 +19,11 @@ param() {
   : >/tmp/param.txt
   for value in "$@"; do printf '// value\n%s\n' "$value" >>/tmp/param.txt; done
 }
+# kelpth ANY with a parameter file of these values.
+any() {
+  param "$@"
+  run ANY /tmp/param.txt
+}
 has() { printf '%s\n' "$out" | grep -qF -- "$1"; }
 # The dump's character columns joined, so that a text split across lines can be found
 # (the dump shows blanks and punctuation as dots).
@@ -107,38 +112,29 @@ else
 fi
 
 # --- ANY: INQUIRY, IDENTIFY, a CK_COND non-data command ---------------------------
-param 0 0 120000006000 0 0x60
-run ANY /tmp/param.txt
+any 0 0 120000006000 0 0x60
 check any-inquiry 0 "[Command Result] Size=96"
 dumped_text_has "QEMU....QEMU.HARDDISK" && pass any-inquiry-vendor-product || fail any-inquiry-vendor-product "no QEMU HARDDISK"
-param 1 0 85080E0000000100000000000000EC00 0 1 1 1
-run ANY /tmp/param.txt
+any 1 0 85080E0000000100000000000000EC00 0 1 1 1
 check any-identify-sata 0 "[Command Result] Size=512"
 # The model QEMU was given for the disk, words swapped back by the command.
 dumped_text_has "KELVM.SATA.DISK" && pass any-identify-sata-model || fail any-identify-sata-model "no KELVM-SATA-DISK"
 # CHECK POWER MODE with CK_COND: the registers come back as sense, the command succeeded.
-param 1 0 8506200000000000000000000040E500 2
-run ANY /tmp/param.txt
+any 1 0 8506200000000000000000000040E500 2
 check any-ck-cond-non-data 0
 
 # --- Refused by the emulated drives: their exact error path ------------------------
-param 0 0 3E000000000000000210 0 0x210
-run ANY /tmp/param.txt
+any 0 0 3E000000000000000210 0 0x210
 check refused-read-long 1 "$ILLEGAL_OPCODE"
-param 0 0 3F000000000000000000 1 0
-run ANY /tmp/param.txt
+any 0 0 3F000000000000000000 1 0
 check refused-write-long 1 "$ILLEGAL_OPCODE"
-param 0 0 4D000000000000010000 0 0x100
-run ANY /tmp/param.txt
+any 0 0 4D000000000000010000 0 0x100
 check refused-log-sense 1 "$ILLEGAL_OPCODE"
-param 0 0 3B070000000000000000 1 0
-run ANY /tmp/param.txt
+any 0 0 3B070000000000000000 1 0
 check refused-write-buffer 1 "$ILLEGAL_OPCODE"
-param 1 0 85070000000000000000000000403700 2
-run ANY /tmp/param.txt
+any 1 0 85070000000000000000000000403700 2
 check refused-set-max-address-ext 1 "$ATA_ABORTED"
-param 1 0 85070000000000000000000000404500 2
-run ANY /tmp/param.txt
+any 1 0 85070000000000000000000000404500 2
 check refused-write-uncorrectable-ext 1 "$ATA_ABORTED"
 
 # With D_SENSE set in its control mode page, libata answers in descriptor format with an
@@ -155,8 +151,7 @@ if [ $# -ge 20 ] && [ $(($9 & 0x3F)) = 10 ]; then
     # The kernel now answers in descriptor format: seen by the peer tool first.
     out=$(sg_raw "$sata_sg" 85 07 00 00 00 00 00 00 00 00 00 00 00 40 37 00 2>&1)
     has "Descriptor format" && pass d-sense-set || fail d-sense-set "sg_raw did not see descriptor sense"
-    param 1 0 85070000000000000000000000403700 2
-    run ANY /tmp/param.txt
+    any 1 0 85070000000000000000000000403700 2
     check refused-set-max-address-ext-descriptor-sense 1 "$ATA_ABORTED"
   else
     fail set-d-sense "MODE SELECT of the control page was refused"
@@ -166,16 +161,13 @@ else
 fi
 
 # --- scsi_debug: a kernel target we did not write ----------------------------------
-param 2 0 4D000000000000010000 0 0x100
-run ANY /tmp/param.txt
+any 2 0 4D000000000000010000 0 0x100
 check scsi-debug-log-sense 0 "[Command Result]"
-param 2 0 1A003F00FF00 0 0xFF
-run ANY /tmp/param.txt
+any 2 0 1A003F00FF00 0 0xFF
 check scsi-debug-mode-sense-3f 0 "[Command Result]"
 run PDOneSectorRead 2 0 0x1234
 check scsi-debug-medium-error 1 "KEL0005-E Request sense data  KEY:03  ASC:11  ASCQ:00"
-param 2 0 3B070000000000020000 1 0x200 1 00
-run ANY /tmp/param.txt
+any 2 0 3B070000000000020000 1 0x200 1 00
 check scsi-debug-write-buffer-mode7 0
 # The new microcode shows as a unit attention on the next command.
 run PDOneSectorRead 2 0 0

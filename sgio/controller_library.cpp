@@ -36,6 +36,17 @@ bool ControllerLibrary::ready(const void *record) {
     return true;
 }
 
+bool ControllerLibrary::readyFor(uint8_t controllerNo, const void *record) {
+    if (!ready(record)) {
+        return false;
+    }
+    if (controllerNo >= backend_.controllerCount()) {
+        fail(kelsim::kErrorNoSuchController);
+        return false;
+    }
+    return true;
+}
+
 int ControllerLibrary::initContData(int) {
     std::string error;
     if (!backend_.load(&error)) {
@@ -55,11 +66,8 @@ int ControllerLibrary::getContNum(uint8_t *controllerCount) {
 }
 
 int ControllerLibrary::getContInfo(uint8_t controllerNo, ContInfo *info) {
-    if (!ready(info)) {
+    if (!readyFor(controllerNo, info)) {
         return 0;
-    }
-    if (controllerNo >= backend_.controllerCount()) {
-        return fail(kelsim::kErrorNoSuchController);
     }
     memset(info, 0, sizeof *info);
     uint8_t drives = 0;
@@ -75,11 +83,8 @@ int ControllerLibrary::getContInfo(uint8_t controllerNo, ContInfo *info) {
 }
 
 int ControllerLibrary::getRaidStatus(uint8_t controllerNo, RaidStatus *status) {
-    if (!ready(status)) {
+    if (!readyFor(controllerNo, status)) {
         return 0;
-    }
-    if (controllerNo >= backend_.controllerCount()) {
-        return fail(kelsim::kErrorNoSuchController);
     }
     memset(status, 0, sizeof *status);
     for (uint8_t n = 0; n < kSlotsPerController; n++) {
@@ -91,11 +96,8 @@ int ControllerLibrary::getRaidStatus(uint8_t controllerNo, RaidStatus *status) {
 }
 
 int ControllerLibrary::getPhysicalDriveInfo(uint8_t controllerNo, uint8_t driveNo, PhysicalDriveInfo *info) {
-    if (!ready(info)) {
+    if (!readyFor(controllerNo, info)) {
         return 0;
-    }
-    if (controllerNo >= backend_.controllerCount()) {
-        return fail(kelsim::kErrorNoSuchController);
     }
     if (driveNo >= kSlotsPerController) {
         return fail(kelsim::kErrorBadArgument);

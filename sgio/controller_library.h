@@ -22,6 +22,8 @@ class ControllerLibrary {
     int fail(uint32_t code);
     // The common start of the calls that need an initialised library and a record.
     bool ready(const void *record);
+    // The same for a call about one controller, which must exist.
+    bool readyFor(uint8_t controllerNo, const void *record);
 
     Backend backend_;
     bool initialised_ = false;
