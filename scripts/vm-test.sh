@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 root=$PWD
 keep=0
 [[ "${1:-}" == "--keep" ]] && keep=1
-hard_timeout=${KELVM_TIMEOUT:-240}
+hard_timeout=${KELVM_TIMEOUT:-360}
 
 # --- What the test needs, from Debian packages -------------------------------------
 bash scripts/deps.sh qemu-system-x86 linux-image-amd64 busybox-static sg3-utils cpio
@@ -90,9 +90,9 @@ for m in $(cat /modules/order); do insmod /modules/$m || echo "KELVM insmod $m f
 # sense (dsense=1), which the library converts.
 insmod /modules/scsi_debug.ko dev_size_mb=16 opts=2 medium_error_start=0x1234 medium_error_count=1 dsense=1 ||
   echo "KELVM insmod scsi_debug failed"
-# Wait (10 s at most) for the three disks to have their sg nodes.
+# Wait (30 s at most) for the three disks to have their sg nodes.
 i=0
-while [ "$(ls /sys/class/scsi_generic 2>/dev/null | wc -l)" -lt 3 ] && [ $i -lt 100 ]; do sleep 0.1; i=$((i + 1)); done
+while [ "$(ls /sys/class/scsi_generic 2>/dev/null | wc -l)" -lt 3 ] && [ $i -lt 300 ]; do sleep 0.1; i=$((i + 1)); done
 for d in /sys/bus/scsi/devices/*:*:*:*; do echo "KELVM disk ${d##*/} $(cat $d/vendor) $(cat $d/model) $(ls $d/scsi_generic)"; done
 cd /tmp
 sh /kelvm/checks.sh
