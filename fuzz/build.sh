@@ -10,7 +10,7 @@ sources=$(ls "$root"/src/*.cpp | grep -v '/main\.cpp$')
 # shellcheck disable=SC2086
 clang++ -std=c++17 -g -O1 -Wall -Wextra \
     -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
-    -I"$root/include" -I"$root/lib" \
+    -I"$root/include" -I"$root/lib" -I"$root" \
     $sources "$root/fuzz/fake_libs.cpp" "$root/fuzz/param_file_fuzzer.cpp" \
     -o "$out/param_file_fuzzer"
 echo "built $out/param_file_fuzzer"

@@ -13,6 +13,7 @@ namespace {
 
 using kelcommon::executionError;
 using kelcommon::parameterError;
+using kelcommon::statusOnly;
 using Outcome = kelcommon::PassOutcome;
 
 // A scripted status comes back with its detail bytes; a status 4 detail is sense data.
@@ -75,6 +76,9 @@ Outcome execute(Farm &farm, const PassCall &call) {
     Outcome outcome;
     outcome.setLength = !kelcommon::passFunctionSendsData(call.function);
     outcome.transferred = std::min(result.transferred, command.dataLength);
+    if (result.timedOut) {
+        return statusOnly(KEL_STATUS_TIMEOUT);
+    }
     if (result.checkCondition) {
         outcome.status = KEL_STATUS_CHECK_CONDITION;
         outcome.detail.assign(result.sense.begin(), result.sense.end());
