@@ -137,6 +137,17 @@ check refused-set-max-address-ext 1 "$ATA_ABORTED"
 any 1 0 85070000000000000000000000404500 2
 check refused-write-uncorrectable-ext 1 "$ATA_ABORTED"
 
+# E (media error set) starts with READ LONG, which the emulated drive refuses.
+param 0 0 0x0012A0 4 8
+run E /tmp/param.txt
+if has "KEL0015"; then
+  echo "SKIP media-error-set-refused (command not built yet)"
+else
+  check media-error-set-refused 1 "$ILLEGAL_OPCODE"
+  journal_has "KelPasReadLong ctl=0 pd=0 if=0 dir=1 ata=0 cdb=BB 00 3E" && pass media-error-set-journal ||
+    fail media-error-set-journal "no READ LONG in the journal"
+fi
+
 # With D_SENSE set in its control mode page, libata answers in descriptor format with an
 # ATA Status Return descriptor; the program must read the same key and codes.
 sata_sg=/dev/$(ls /sys/bus/scsi/devices/1:0:0:0/scsi_generic)
