@@ -148,10 +148,8 @@ PassOutcome routeRequest(const PassCall &call, bool sataDrive, RoutedCommand *co
         return PassOutcome{};
     }
     if (sataDrive) {
-        if (request.cdb[0] != kAtaPassThrough16) {
-            return statusOnly(KEL_STATUS_UNSUPPORTED);
-        }
-        command->ataPassThrough = true;
+        // ATA PASS-THROUGH goes to the device; the SCSI/ATA translation answers the rest.
+        command->ataPassThrough = request.cdb[0] == kAtaPassThrough16;
         return PassOutcome{};
     }
     if (request.cdb[0] != kWrapperDataIn && request.cdb[0] != kWrapperDataOutOrNone) {

@@ -72,13 +72,13 @@ PassOutcome executionError(const std::string &text);
 int firstBadArgument(const PassCall &call, const std::function<bool(const PassThroughRequest &)> &targetExists);
 
 // The command a checked request sends to its target: a logical drive's CDB as it is, a SATA
-// drive's ATA PASS-THROUGH(16) as it is, a SAS drive's command from inside the wrapper
-// (CDB[2..length-1]).
+// drive's CDB as it is (ATA PASS-THROUGH(16) or a command for its SCSI/ATA translation), a
+// SAS drive's command from inside the wrapper (CDB[2..length-1]).
 struct RoutedCommand {
     const uint8_t *cdb = nullptr;
     size_t cdbLength = 0;
     uint8_t direction = KEL_DIR_NONE; // KEL_DIR_*
-    bool ataPassThrough = false;
+    bool ataPassThrough = false; // ATA PASS-THROUGH(16) to a SATA drive
 };
 
 // Checks a request whose arguments passed firstBadArgument against its function and its

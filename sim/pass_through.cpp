@@ -64,7 +64,7 @@ Outcome execute(Farm &farm, const PassCall &call) {
     command.dataLength = kelcommon::passedLength(call);
     command.cdb = routed.cdb;
     command.cdbLength = routed.cdbLength;
-    command.blockTransferUnit = routed.ataPassThrough && request.ataCommandFlag != 0;
+    command.blockTransferUnit = sata && request.ataCommandFlag != 0;
     ScsiTarget *target = request.targetKind == KEL_TARGET_LOGICAL
                              ? farm.volume(request.controllerNo, request.driveNo)
                              : farm.physicalDrive(request.controllerNo, request.driveNo);

@@ -80,12 +80,6 @@ TEST_F(Dispatcher, StartUpFailuresOfTheControllerLibrary) {
     EXPECT_EQ(run.out, "KEL0003-E Orvane Raid Controller is not found.\n" + kAbnormalEnd);
 }
 
-TEST_F(Dispatcher, UnbuiltCommandsReportUnsupported) {
-    RunResult run = kelpth({"L"});
-    EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_EQ(run.out, "KEL0015-E Unsupported command error.\n" + kAbnormalEnd);
-}
-
 TEST_F(Dispatcher, TraceLogRecordsHistoryEntryLinesAndTheCdb) {
     ASSERT_EQ(kelpth({"PDOneSectorRead", "0", "0", "0x10"}).exitStatus, 0);
     std::string log = traceLog();

@@ -188,8 +188,6 @@ TEST(Routing, RefusalsAndTheirStatuses) {
          KEL_STATUS_READ_AND_WRITE},
         {"unwrapped CDB to a SAS drive", request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, {0x28, 0, 0, 0, 0, 0, 0, 0, 1, 0}),
          false, PassFunction::AnyCommand, KEL_STATUS_UNSUPPORTED},
-        {"wrapper to a SATA drive", request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, wrappedRead), true,
-         PassFunction::ReadSectorExt, KEL_STATUS_UNSUPPORTED},
         {"sending function reading", request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, wrappedRead), false,
          PassFunction::WriteBuffer, KEL_STATUS_READ_AND_WRITE},
         {"reading function sending", request(KEL_TARGET_PHYSICAL, KEL_DIR_OUT, wrappedRead), false,
@@ -214,6 +212,13 @@ TEST(Routing, AtaPassThroughAndLogicalDrivesGoAsTheyAre) {
     EXPECT_EQ(command.cdbLength, 16u);
     EXPECT_EQ(command.direction, KEL_DIR_NONE);
     EXPECT_TRUE(command.ataPassThrough);
+
+    // Any other command goes to a SATA drive's translation layer as it is.
+    PassThroughRequest inquiry = request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, {0x12, 0, 0, 0, 0x60, 0});
+    ASSERT_EQ(route(inquiry, true, kelcommon::PassFunction::Inquiry, &command).status, KEL_STATUS_GOOD);
+    EXPECT_EQ(command.cdb, inquiry.cdb);
+    EXPECT_EQ(command.cdbLength, 6u);
+    EXPECT_FALSE(command.ataPassThrough);
 
     PassThroughRequest logical = request(KEL_TARGET_LOGICAL, KEL_DIR_IN, {0x28, 0, 0, 0, 0, 0x20, 0, 0, 1, 0});
     ASSERT_EQ(route(logical, false, kelcommon::PassFunction::ReadExtend, &command).status, KEL_STATUS_GOOD);
