@@ -185,10 +185,10 @@ run PDOneSectorRead 2 0 0
 check scsi-debug-microcode-changed 1 "KEL0005-E Request sense data  KEY:06  ASC:3F  ASCQ:16"
 run L
 unbuilt log-sense-report || check log-sense-report 0
-run PDPrintModePage 2 0 3F 00 0xFF
+run PDPrintModePage 2 0 3F 00 FF
 unbuilt mode-page-print || check mode-page-print 0
 printf 'firmware' >/tmp/fw.bin
 run F /tmp/fw.bin
 unbuilt firmware-download || check firmware-download 0
-run PDPrintModePage 0 0 3F 00 0xFF
+run PDPrintModePage 0 0 3F 00 FF
 unbuilt mode-page-print-virtio || check mode-page-print-virtio 0
