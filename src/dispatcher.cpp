@@ -100,6 +100,7 @@ int KelPthMain(int argc, char **argv) {
     HistoryLog(argc, argv);
     signal_setup();
     const int status = dispatchCommand(argc, argv);
+    awaitSignalEnd();
     finContData();
     return status;
 }

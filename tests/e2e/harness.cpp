@@ -35,7 +35,7 @@ void FarmTest::TearDown() {
     }
 }
 
-RunResult FarmTest::run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
+Running FarmTest::start(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
     std::vector<std::string> env = {"KELSIM_DIR=" + stateDir, "PATH=/usr/bin:/bin", "LC_ALL=C"};
     for (const char *keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LD_LIBRARY_PATH", "HOME"}) {
         bool overridden = false;
@@ -79,17 +79,28 @@ RunResult FarmTest::run(const std::vector<std::string> &args, const std::vector<
         _exit(127);
     }
     close(outPipe[1]);
+    return Running{pid, outPipe[0]};
+}
+
+RunResult FarmTest::finish(Running running, std::string alreadyRead) {
     RunResult result;
-    result.out = slurpFd(outPipe[0]);
-    close(outPipe[0]);
+    if (running.pid < 0) {
+        return result;
+    }
+    result.out = std::move(alreadyRead) + slurpFd(running.outFd);
+    close(running.outFd);
     int status = 0;
-    waitpid(pid, &status, 0);
+    waitpid(running.pid, &status, 0);
     result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    std::ifstream errFile(errPath);
+    std::ifstream errFile(workDir + "/.stderr");
     std::stringstream errText;
     errText << errFile.rdbuf();
     result.err = errText.str();
     return result;
+}
+
+RunResult FarmTest::run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
+    return finish(start(args, extraEnv));
 }
 
 RunResult FarmTest::kelpth(const std::vector<std::string> &args) {

@@ -13,6 +13,12 @@ struct RunResult {
     std::string err;     // standard error
 };
 
+// A child started by FarmTest::start: its process and the read end of its standard output.
+struct Running {
+    int pid = -1;
+    int outFd = -1;
+};
+
 class FarmTest : public ::testing::Test {
   protected:
     void SetUp() override;
@@ -24,6 +30,10 @@ class FarmTest : public ::testing::Test {
     RunResult kelsim(const std::vector<std::string> &args);
     // Runs any program with the farm's environment; args[0] is the program.
     RunResult run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {});
+    // The same in two halves, for a test that acts while the child runs: start it, then
+    // collect the rest of its output (after what the test read itself) and its status.
+    Running start(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {});
+    RunResult finish(Running running, std::string alreadyRead = "");
 
     std::string readFile(const std::string &name) const; // relative to workDir
     void writeFile(const std::string &name, const std::string &content) const;
