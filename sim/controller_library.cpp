@@ -2,28 +2,16 @@
 // topology, and the scripted faults of these calls.
 #include "controller_library.h"
 
+#include "byte_order.h"
 #include "faults.h"
 #include "library_codes.h"
+#include "text_fields.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 namespace kelsim {
-namespace {
-
-void copyPadded(char *field, size_t width, const std::string &text) {
-    memset(field, ' ', width);
-    memcpy(field, text.data(), std::min(width, text.size()));
-}
-
-void putLittleEndian(uint8_t *bytes, int width, uint64_t value) {
-    for (int i = 0; i < width; i++) {
-        bytes[i] = static_cast<uint8_t>(value >> (8 * i));
-    }
-}
-
-} // namespace
 
 ControllerLibrary::ControllerLibrary(std::string stateDir) : stateDir_(std::move(stateDir)) {}
 
@@ -165,11 +153,11 @@ int ControllerLibrary::getPhysicalDriveInfo(uint8_t controllerNo, uint8_t driveN
     const DriveIdentity &identity = slot->identity;
     info->reserved0[0] = driveNo;
     info->reserved0[1] = identity.interface == DriveInterface::Sata ? 1 : 0;
-    putLittleEndian(info->reserved0 + 2, 8, identity.nativeBlocks);
-    copyPadded(info->vendorId, sizeof info->vendorId, identity.vendor);
-    copyPadded(info->productId, sizeof info->productId, identity.product);
-    copyPadded(info->productRevision, sizeof info->productRevision, identity.revision);
-    copyPadded(reinterpret_cast<char *>(info->reserved42), 20, identity.serial);
+    putLe(info->reserved0 + 2, 8, identity.nativeBlocks);
+    putText(info->vendorId, sizeof info->vendorId, identity.vendor);
+    putText(info->productId, sizeof info->productId, identity.product);
+    putText(info->productRevision, sizeof info->productRevision, identity.revision);
+    putText(info->reserved42, 20, identity.serial);
     return 1;
 }
 

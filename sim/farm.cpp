@@ -2,8 +2,8 @@
 // of the topology, each built the first time a call needs it.
 #include "farm.h"
 
-#include "sas_drive.h"
-#include "sata_drive.h"
+#include "drives/sas_drive.h"
+#include "drives/sata_drive.h"
 
 #include <fcntl.h>
 #include <pwd.h>

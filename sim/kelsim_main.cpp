@@ -1,10 +1,10 @@
 // kelsim: resets and shows the simulated farm, prints or clears the pass-through journal,
 // and scripts faults for the next library calls.
-#include "ata_device.h"
+#include "drives/ata_device.h"
+#include "drives/sas_drive.h"
 #include "farm.h"
 #include "faults.h"
 #include "journal.h"
-#include "sas_drive.h"
 
 #include <cinttypes>
 #include <cstdio>

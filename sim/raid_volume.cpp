@@ -2,26 +2,13 @@
 // every write) and the SCSI commands a logical drive answers.
 #include "raid_volume.h"
 
+#include "byte_order.h"
+
 #include <algorithm>
 #include <cstring>
 
 namespace kelsim {
 namespace {
-
-uint64_t bigEndian(const uint8_t *bytes, int width) {
-    uint64_t value = 0;
-    for (int i = 0; i < width; i++) {
-        value = value << 8 | bytes[i];
-    }
-    return value;
-}
-
-void putBigEndian(uint8_t *bytes, int width, uint64_t value) {
-    for (int i = width - 1; i >= 0; i--) {
-        bytes[i] = static_cast<uint8_t>(value);
-        value >>= 8;
-    }
-}
 
 void xorInto(uint8_t *target, const uint8_t *source, size_t size) {
     for (size_t i = 0; i < size; i++) {
@@ -212,13 +199,13 @@ ScsiResult RaidVolume::execute(const ScsiCommand &command) {
         }
         return invalidFieldInCdb(1, 4);
     case 0x28:
-        return transfer(command, bigEndian(cdb + 2, 4), static_cast<uint32_t>(bigEndian(cdb + 7, 2)), false, 7);
+        return transfer(command, getBe(cdb + 2, 4), static_cast<uint32_t>(getBe(cdb + 7, 2)), false, 7);
     case 0x2A:
-        return transfer(command, bigEndian(cdb + 2, 4), static_cast<uint32_t>(bigEndian(cdb + 7, 2)), true, 7);
+        return transfer(command, getBe(cdb + 2, 4), static_cast<uint32_t>(getBe(cdb + 7, 2)), true, 7);
     case 0x88:
-        return transfer(command, bigEndian(cdb + 2, 8), static_cast<uint32_t>(bigEndian(cdb + 10, 4)), false, 10);
+        return transfer(command, getBe(cdb + 2, 8), static_cast<uint32_t>(getBe(cdb + 10, 4)), false, 10);
     case 0x8A:
-        return transfer(command, bigEndian(cdb + 2, 8), static_cast<uint32_t>(bigEndian(cdb + 10, 4)), true, 10);
+        return transfer(command, getBe(cdb + 2, 8), static_cast<uint32_t>(getBe(cdb + 10, 4)), true, 10);
     default:
         return checkCondition(sense::kIllegalRequest, sense::kAscInvalidOpcode, 0);
     }
@@ -254,7 +241,7 @@ ScsiResult RaidVolume::transfer(const ScsiCommand &command, uint64_t lba, uint32
 
 ScsiResult RaidVolume::inquiry(const ScsiCommand &command) {
     const uint8_t *cdb = command.cdb;
-    uint32_t allocation = static_cast<uint32_t>(bigEndian(cdb + 3, 2));
+    uint32_t allocation = static_cast<uint32_t>(getBe(cdb + 3, 2));
     bool vitalProductData = (cdb[1] & 0x01) != 0;
     if (!vitalProductData) {
         if (cdb[2] != 0) {
@@ -291,16 +278,16 @@ ScsiResult RaidVolume::inquiry(const ScsiCommand &command) {
 ScsiResult RaidVolume::readCapacity10(const ScsiCommand &command) {
     uint8_t data[8] = {};
     uint64_t lastLba = capacity_ == 0 ? 0 : capacity_ - 1;
-    putBigEndian(data, 4, std::min<uint64_t>(lastLba, 0xFFFFFFFF));
-    putBigEndian(data + 4, 4, kBlockSize);
+    putBe(data, 4, std::min<uint64_t>(lastLba, 0xFFFFFFFF));
+    putBe(data + 4, 4, kBlockSize);
     return reply(command, data, sizeof data, sizeof data);
 }
 
 ScsiResult RaidVolume::readCapacity16(const ScsiCommand &command) {
     uint8_t data[32] = {};
-    putBigEndian(data, 8, capacity_ == 0 ? 0 : capacity_ - 1);
-    putBigEndian(data + 8, 4, kBlockSize);
-    return reply(command, data, sizeof data, static_cast<uint32_t>(bigEndian(command.cdb + 10, 4)));
+    putBe(data, 8, capacity_ == 0 ? 0 : capacity_ - 1);
+    putBe(data + 8, 4, kBlockSize);
+    return reply(command, data, sizeof data, static_cast<uint32_t>(getBe(command.cdb + 10, 4)));
 }
 
 } // namespace kelsim

@@ -1,4 +1,5 @@
 // Fixed-format sense data (response code 0x70) for the simulated targets' CHECK CONDITION answers.
+#include "byte_order.h"
 #include "device.h"
 
 namespace kelsim {
@@ -21,8 +22,7 @@ ScsiResult invalidFieldInCdb(uint16_t byteIndex, int bitIndex) {
         keySpecific |= 0x08 | static_cast<uint8_t>(bitIndex); // BPV and the bit pointer
     }
     result.sense[15] = keySpecific;
-    result.sense[16] = static_cast<uint8_t>(byteIndex >> 8);
-    result.sense[17] = static_cast<uint8_t>(byteIndex & 0xFF);
+    putBe(&result.sense[16], 2, byteIndex);
     return result;
 }
 

@@ -1,5 +1,5 @@
 // Tests of the simulated SAS drive over an in-memory medium and settings store.
-#include "sas_drive.h"
+#include "drives/sas_drive.h"
 
 #include "memory_device.h"
 

@@ -1,7 +1,7 @@
 // Tests of the simulated SATA drive through its SCSI face: ATA PASS-THROUGH command blocks
 // in, data and sense out, over an in-memory medium and settings store.
-#include "ata_device.h"
-#include "sata_drive.h"
+#include "drives/ata_device.h"
+#include "drives/sata_drive.h"
 
 #include "memory_device.h"
 

@@ -5,6 +5,7 @@
 #include "sata_drive.h"
 
 #include "ata_device.h"
+#include "byte_order.h"
 
 namespace kelsim {
 namespace {
@@ -71,7 +72,7 @@ PassThrough decode12(const uint8_t *cdb) {
     AtaCommandBlock &registers = pass.registers;
     registers.features = cdb[3];
     registers.count = cdb[4];
-    registers.lba = uint64_t{cdb[5]} | uint64_t{cdb[6]} << 8 | uint64_t{cdb[7]} << 16;
+    registers.lba = getLe(&cdb[5], 3);
     registers.device = cdb[8];
     registers.command = cdb[9];
     pass.featuresByte = 3;
@@ -230,9 +231,7 @@ class SataDrive : public ScsiTarget {
             flags |= (completion.lba >> 24) != 0 ? 0x20 : 0;
         }
         sense[8] = flags;
-        sense[9] = static_cast<uint8_t>(completion.lba);
-        sense[10] = static_cast<uint8_t>(completion.lba >> 8);
-        sense[11] = static_cast<uint8_t>(completion.lba >> 16);
+        putLe(&sense[9], 3, completion.lba);
     }
 
     AtaDevice device_;

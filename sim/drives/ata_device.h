@@ -54,17 +54,20 @@ class AtaDevice {
         uint32_t length;
     };
 
+    // Identity, capacity and features (ata_identity.cpp).
     AtaCompletion identify(const Request &request);
-    AtaCompletion readSectors(const Request &request, bool extended);
-    AtaCompletion writeSectors(const Request &request, bool extended);
-    AtaCompletion readVerify(const Request &request, bool extended);
     AtaCompletion readNativeMaxAddress(const Request &request);
     AtaCompletion setMaxAddress(const Request &request, bool followsReadNativeMax);
     AtaCompletion setFeatures(const Request &request);
-    AtaCompletion smart(const Request &request);
-    AtaCompletion readLog(const Request &request);
+    // Data transfer (ata_transfer.cpp).
+    AtaCompletion readSectors(const Request &request, bool extended);
+    AtaCompletion writeSectors(const Request &request, bool extended);
+    AtaCompletion readVerify(const Request &request, bool extended);
     AtaCompletion writeUncorrectable(const Request &request);
     AtaCompletion vendorErrorInjection(const Request &request);
+    // SMART and logs (ata_smart_log.cpp).
+    AtaCompletion smart(const Request &request);
+    AtaCompletion readLog(const Request &request);
 
     uint64_t nativeBlocks() const { return identity_.nativeBlocks; }
     uint64_t userBlocks();

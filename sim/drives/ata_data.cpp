@@ -2,20 +2,15 @@
 // and the general-purpose logs, each laid out word by word as an ATA drive returns them.
 #include "ata_data.h"
 
+#include "byte_order.h"
+
 #include <algorithm>
 
 namespace kelsim {
 namespace {
 
 void putWord(AtaSector &sector, unsigned word, uint16_t value) {
-    sector[2 * word] = static_cast<uint8_t>(value);
-    sector[2 * word + 1] = static_cast<uint8_t>(value >> 8);
-}
-
-void putQword(AtaSector &sector, unsigned offset, uint64_t value) {
-    for (unsigned i = 0; i < 8; ++i) {
-        sector[offset + i] = static_cast<uint8_t>(value >> (8 * i));
-    }
+    kelsim::putWord(sector.data(), word, value);
 }
 
 // Structures that end in a checksum byte: the 512 bytes must add up to 0.
@@ -39,10 +34,6 @@ void putAtaString(uint8_t *sector, unsigned firstWord, unsigned wordCount, std::
         // The first character of each pair goes into the high byte of the little-endian word.
         sector[2 * firstWord + (i ^ 1)] = character;
     }
-}
-
-uint16_t getWord(const uint8_t *sector, unsigned word) {
-    return static_cast<uint16_t>(sector[2 * word] | (sector[2 * word + 1] << 8));
 }
 
 AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &state) {
@@ -120,13 +111,10 @@ AtaSector buildSmartData(uint64_t pendingBlocks) {
     unsigned offset = 2;
     for (const Attribute &attribute : attributes) {
         data[offset] = attribute.id;
-        data[offset + 1] = static_cast<uint8_t>(attribute.flags);
-        data[offset + 2] = static_cast<uint8_t>(attribute.flags >> 8);
+        putLe(&data[offset + 1], 2, attribute.flags);
         data[offset + 3] = attribute.current;
         data[offset + 4] = attribute.worst;
-        for (unsigned i = 0; i < 6; ++i) {
-            data[offset + 5 + i] = static_cast<uint8_t>(attribute.raw >> (8 * i));
-        }
+        putLe(&data[offset + 5], 6, attribute.raw);
         offset += 12;
     }
     data[362] = 0x82; // off-line data collection completed
@@ -195,12 +183,12 @@ bool buildLogPage(uint8_t logAddress, uint16_t page, AtaSector *out) {
             data[9] = 0x00;
             data[10] = 0x01;
         } else {
-            putQword(data, 8, statistic(12));     // power-on resets
-            putQword(data, 16, statistic(1234));  // power-on hours
-            putQword(data, 24, statistic(81920)); // logical sectors written
-            putQword(data, 32, statistic(640));   // write commands
-            putQword(data, 40, statistic(163840));
-            putQword(data, 48, statistic(1280));
+            putLe(&data[8], 8, statistic(12));     // power-on resets
+            putLe(&data[16], 8, statistic(1234));  // power-on hours
+            putLe(&data[24], 8, statistic(81920)); // logical sectors written
+            putLe(&data[32], 8, statistic(640));   // write commands
+            putLe(&data[40], 8, statistic(163840));
+            putLe(&data[48], 8, statistic(1280));
         }
         break;
     }

@@ -2,6 +2,7 @@
 // SMART data and the general-purpose logs, built from the drive's identity and state.
 #pragma once
 
+#include "byte_order.h"
 #include "device.h"
 
 #include <array>
@@ -29,7 +30,7 @@ AtaSector buildSmartData(uint64_t pendingBlocks);
 bool buildLogPage(uint8_t logAddress, uint16_t page, AtaSector *out);
 
 // ATA strings: two characters a word, the first in the high byte, blank padded.
+// (getWord and putWord, in byte_order.h, read and write the words.)
 void putAtaString(uint8_t *sector, unsigned firstWord, unsigned wordCount, std::string_view text);
-uint16_t getWord(const uint8_t *sector, unsigned word);
 
 } // namespace kelsim
