@@ -4,6 +4,10 @@
 
 #include "kelctl.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
 namespace {
 
 // Built on first use, so that loading the library costs nothing.
@@ -22,7 +26,14 @@ kelsim::TraceLogWriter &traceLog() {
 extern "C" {
 
 int initLog(const char *logFileName, uint32_t maxSize) {
-    return traceLog().open(logFileName, maxSize) ? 1 : 0;
+    if (traceLog().open(logFileName, maxSize)) {
+        return 1;
+    }
+    // The program goes on without a trace; say why there is none.
+    const int openError = errno;
+    fprintf(stderr, "kelsim: no trace log: cannot open %s: %s\n", logFileName != nullptr ? logFileName : "(null)",
+            strerror(openError));
+    return 0;
 }
 
 int dumpLog(const char *module, uint32_t line, const char *text, const void *data, uint32_t dataLength) {

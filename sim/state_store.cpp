@@ -249,7 +249,7 @@ bool StateStore::begin(bool write) {
 bool StateStore::commit() {
     inTransaction_ = false;
     if (!exec("COMMIT")) {
-        exec("ROLLBACK");
+        rollback(); // keeps the commit's error (a full disk, say) as the one reported
         return false;
     }
     return true;

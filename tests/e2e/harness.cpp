@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -46,7 +47,13 @@ Running FarmTest::start(const std::vector<std::string> &args, const std::vector<
             env.push_back(std::string(keep) + "=" + value);
         }
     }
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+    // An extra entry replaces the default of the same name.
+    for (const auto &extra : extraEnv) {
+        const std::string name = extra.substr(0, extra.find('=') + 1);
+        env.erase(std::remove_if(env.begin(), env.end(), [&](const std::string &e) { return e.rfind(name, 0) == 0; }),
+                  env.end());
+        env.push_back(extra);
+    }
 
     // Standard error goes to a file so that a chatty child never blocks on a full pipe.
     std::string errPath = workDir + "/.stderr";

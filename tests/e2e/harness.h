@@ -28,7 +28,8 @@ class FarmTest : public ::testing::Test {
     RunResult kelpth(const std::vector<std::string> &args);
     // Runs kelsim with these arguments in workDir.
     RunResult kelsim(const std::vector<std::string> &args);
-    // Runs any program with the farm's environment; args[0] is the program.
+    // Runs any program with the farm's environment, extraEnv's entries added or replacing
+    // those of the same name; args[0] is the program.
     RunResult run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {});
     // The same in two halves, for a test that acts while the child runs: start it, then
     // collect the rest of its output (after what the test read itself) and its status.
