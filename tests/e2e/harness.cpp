@@ -141,3 +141,12 @@ std::string repeatByte(const std::string &hexByte, int count) {
     }
     return text;
 }
+
+int patternRows(const std::string &dump) {
+    int rows = 0;
+    for (size_t at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A"); at != std::string::npos;
+         at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A", at + 1)) {
+        rows++;
+    }
+    return rows;
+}

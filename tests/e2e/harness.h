@@ -46,3 +46,5 @@ class FarmTest : public ::testing::Test {
 
 // "5A 5A ..." style check helpers.
 std::string repeatByte(const std::string &hexByte, int count);
+// Rows of a data dump that show the written pattern 0x5A.
+int patternRows(const std::string &dump);

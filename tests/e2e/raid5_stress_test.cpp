@@ -28,16 +28,6 @@ std::string stripeLba(int stripe) {
     return text;
 }
 
-// Rows of a stripe dump that show the written pattern.
-int patternRows(const std::string &dump) {
-    int rows = 0;
-    for (size_t at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A"); at != std::string::npos;
-         at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A", at + 1)) {
-        rows++;
-    }
-    return rows;
-}
-
 class Raid5Stress : public FarmTest {
   protected:
     void SetUp() override {

@@ -57,16 +57,6 @@ class StateSafety : public FarmTest {
     }
 };
 
-// Rows of the stripe dump that show the pattern.
-int patternRows(const std::string &dump) {
-    int rows = 0;
-    for (size_t at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A"); at != std::string::npos;
-         at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A", at + 1)) {
-        rows++;
-    }
-    return rows;
-}
-
 TEST_F(StateSafety, RunsAtTheSameTimeAllLand) {
     // Every thread writes its own blocks: slots, and a RAID 1 volume whose members are
     // slots 0 and 1 at other addresses.
