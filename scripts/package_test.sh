@@ -19,7 +19,7 @@ fi
 root=$(mktemp -d)
 cleanup() {
   umount "$root/proc" 2>/dev/null || true
-  rm -rf "$root"
+  rm -rf --one-file-system "$root"
 }
 trap cleanup EXIT
 tar -C "$root" -xf "$base"
