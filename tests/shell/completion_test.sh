@@ -66,6 +66,10 @@ expect "other library" "" "$(LD_LIBRARY_PATH=$work/other-libs complete_words _ke
 
 # kelsim: every kind offered is one kelsim accepts.
 expect "kelsim commands" "fault" "$(complete_words _kelsim kelsim fa)"
+usage_commands=$(kelsim help 2>&1 | awk '/^  [a-z]/ { print $1 }' | sort -u)
+for command in $usage_commands; do
+    expect "kelsim offers $command" "$command" "$(complete_words _kelsim kelsim "$command" | tr ' ' '\n' | grep -x "$command")"
+done
 expect "journal option" "--clear" "$(complete_words _kelsim kelsim journal '')"
 for kind in $(complete_words _kelsim kelsim fault ''); do
     [[ $kind == list || $kind == clear ]] && continue
