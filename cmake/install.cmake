@@ -8,7 +8,7 @@ set(KELPTH_SIM_LIBDIR "lib/kelpth/sim")
 set_target_properties(kelpth PROPERTIES INSTALL_RPATH "\$ORIGIN/../${KELPTH_SIM_LIBDIR}")
 
 install(TARGETS kelpth kelsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS kelctl kelpth_lib LIBRARY DESTINATION ${KELPTH_SIM_LIBDIR} NAMELINK_SKIP)
+install(TARGETS kelctl kelpth_lib kelsim_lib LIBRARY DESTINATION ${KELPTH_SIM_LIBDIR} NAMELINK_SKIP)
 
 # Manual pages, compressed as Debian wants them.
 find_program(GZIP_PROGRAM gzip REQUIRED)

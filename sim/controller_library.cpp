@@ -13,7 +13,7 @@
 
 namespace kelsim {
 
-ControllerLibrary::ControllerLibrary(std::string stateDir) : stateDir_(std::move(stateDir)) {}
+ControllerLibrary::ControllerLibrary(Farm &farm) : farm_(farm) {}
 
 int ControllerLibrary::fail(uint32_t code) {
     lastError_ = code;
@@ -23,10 +23,7 @@ int ControllerLibrary::fail(uint32_t code) {
 // Faults are looked for only while the marker file says some are scripted, so that a
 // run without faults never opens the database here.
 bool ControllerLibrary::takeFault(const char *kind, ScriptedFault *fault) {
-    if (!farm_) {
-        farm_ = std::make_unique<Farm>(stateDir_);
-    }
-    StateStore &store = farm_->store();
+    StateStore &store = farm_.store();
     if (!store.faultsMayBePending()) {
         return false;
     }
@@ -56,7 +53,7 @@ int ControllerLibrary::initContData(int) {
         return fail(fault.value);
     }
     std::string error;
-    if (!farm_->load(&error)) {
+    if (!farm_.load(&error)) {
         fprintf(stderr, "kelsim: %s\n", error.c_str());
         return fail(kErrorTopology);
     }
@@ -73,7 +70,7 @@ int ControllerLibrary::getContNum(uint8_t *controllerCount) {
         *controllerCount = 0;
         return 1;
     }
-    *controllerCount = static_cast<uint8_t>(farm_->topology().controllers.size());
+    *controllerCount = static_cast<uint8_t>(farm_.topology().controllers.size());
     return 1;
 }
 
@@ -85,7 +82,7 @@ int ControllerLibrary::getContInfo(uint8_t controllerNo, ContInfo *info) {
     if (takeFault(fault_kind::kContInfoFail, &fault)) {
         return fail(fault.value);
     }
-    const ControllerConfig *controller = farm_->controller(controllerNo);
+    const ControllerConfig *controller = farm_.controller(controllerNo);
     if (controller == nullptr) {
         return fail(kErrorNoSuchController);
     }
@@ -110,7 +107,7 @@ int ControllerLibrary::getRaidStatus(uint8_t controllerNo, RaidStatus *status) {
     if (takeFault(fault_kind::kRaidStatusFail, &fault)) {
         return fail(fault.value);
     }
-    const ControllerConfig *controller = farm_->controller(controllerNo);
+    const ControllerConfig *controller = farm_.controller(controllerNo);
     if (controller == nullptr) {
         return fail(kErrorNoSuchController);
     }
@@ -137,14 +134,14 @@ int ControllerLibrary::getPhysicalDriveInfo(uint8_t controllerNo, uint8_t driveN
     if (takeFault(fault_kind::kDriveInfoFail, &fault)) {
         return fail(fault.value);
     }
-    if (farm_->controller(controllerNo) == nullptr) {
+    if (farm_.controller(controllerNo) == nullptr) {
         return fail(kErrorNoSuchController);
     }
     if (driveNo >= kSlotsPerController) {
         return fail(kErrorBadArgument);
     }
     memset(info, 0, sizeof *info);
-    const SlotConfig *slot = farm_->slot(controllerNo, driveNo);
+    const SlotConfig *slot = farm_.slot(controllerNo, driveNo);
     if (slot == nullptr) {
         return 1; // an empty slot: the vendor identification starts with a zero byte
     }
@@ -163,9 +160,7 @@ int ControllerLibrary::getPhysicalDriveInfo(uint8_t controllerNo, uint8_t driveN
 
 int ControllerLibrary::finContData() {
     initialised_ = false;
-    if (farm_) {
-        farm_->store().close();
-    }
+    farm_.store().close();
     return 1;
 }
 

@@ -6,13 +6,12 @@
 
 #include "kelctl.h"
 
-#include <memory>
-
 namespace kelsim {
 
 class ControllerLibrary {
   public:
-    explicit ControllerLibrary(std::string stateDir);
+    // The farm is the one the pass-through calls of the process use.
+    explicit ControllerLibrary(Farm &farm);
 
     int initContData(int mode);
     int getContNum(uint8_t *controllerCount);
@@ -29,8 +28,7 @@ class ControllerLibrary {
     // The common start of the calls that need an initialised library and a record.
     bool ready(const void *record);
 
-    std::string stateDir_;
-    std::unique_ptr<Farm> farm_;
+    Farm &farm_;
     bool initialised_ = false;
     uint32_t lastError_ = 0;
 };

@@ -1,70 +1,42 @@
-// libkelctl.so of the simulated farm: the controller library's exported functions.
-#include "controller_library.h"
-#include "trace_writer.h"
-
-#include "kelctl.h"
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-
-namespace {
-
-// Built on first use, so that loading the library costs nothing.
-kelsim::ControllerLibrary &library() {
-    static kelsim::ControllerLibrary instance(kelsim::stateDirectoryFromEnvironment());
-    return instance;
-}
-
-kelsim::TraceLogWriter &traceLog() {
-    static kelsim::TraceLogWriter writer;
-    return writer;
-}
-
-} // namespace
+// libkelctl.so of the simulated farm: the controller library's exported functions, each
+// passed on to libkelsim.so.
+#include "library_entry.h"
 
 extern "C" {
 
 int initLog(const char *logFileName, uint32_t maxSize) {
-    if (traceLog().open(logFileName, maxSize)) {
-        return 1;
-    }
-    // The program goes on without a trace; say why there is none.
-    const int openError = errno;
-    fprintf(stderr, "kelsim: no trace log: cannot open %s: %s\n", logFileName != nullptr ? logFileName : "(null)",
-            strerror(openError));
-    return 0;
+    return kelsim_initLog(logFileName, maxSize);
 }
 
 int dumpLog(const char *module, uint32_t line, const char *text, const void *data, uint32_t dataLength) {
-    return traceLog().append(module, line, text, data, dataLength) ? 1 : 0;
+    return kelsim_dumpLog(module, line, text, data, dataLength);
 }
 
 int initContData(int mode) {
-    return library().initContData(mode);
+    return kelsim_initContData(mode);
 }
 
 int getContNum(uint8_t *controllerCount) {
-    return library().getContNum(controllerCount);
+    return kelsim_getContNum(controllerCount);
 }
 
 int getContInfo(uint8_t controllerNo, ContInfo *info) {
-    return library().getContInfo(controllerNo, info);
+    return kelsim_getContInfo(controllerNo, info);
 }
 
 int getRaidStatus(uint8_t controllerNo, RaidStatus *status) {
-    return library().getRaidStatus(controllerNo, status);
+    return kelsim_getRaidStatus(controllerNo, status);
 }
 
 int getPhysicalDriveInfo(uint8_t controllerNo, uint8_t driveNo, PhysicalDriveInfo *info) {
-    return library().getPhysicalDriveInfo(controllerNo, driveNo, info);
+    return kelsim_getPhysicalDriveInfo(controllerNo, driveNo, info);
 }
 
 uint32_t DLLGetLastError(void) {
-    return library().lastError();
+    return kelsim_lastError();
 }
 
 int finContData(void) {
-    return library().finContData();
+    return kelsim_finContData();
 }
 }

@@ -4,25 +4,11 @@
 #pragma once
 
 #include "farm.h"
+#include "library_entry.h"
 
 #include "kelpth.h"
 
 namespace kelsim {
-
-enum class PassFunction {
-    ReadExtend,
-    WriteExtend,
-    ReadSectorExt,
-    WriteSectorExt,
-    AnyCommand,
-    Inquiry,
-    LogSense,
-    ModeSense,
-    ModeSelect,
-    ReadLong,
-    WriteLong,
-    WriteBuffer,
-};
 
 const char *passFunctionName(PassFunction function);
 // True for the functions whose data length is passed by value (they send data).

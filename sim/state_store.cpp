@@ -2,6 +2,9 @@
 // drive settings, the journal and the scripted faults.
 #include "state_store.h"
 
+#include "failpoint.h"
+#include "failpoint_vfs.h"
+
 #include <sqlite3.h>
 
 #include <fcntl.h>
@@ -15,6 +18,12 @@ namespace {
 
 constexpr int kSchemaVersion = 1;
 constexpr int kBusyTimeoutMs = 10000;
+
+// Every connection: the journal mode, no fsync (a killed process loses nothing the
+// system already has), and a page cache small enough for the memory bound.
+const char *const kJournalMode = "PRAGMA journal_mode=TRUNCATE";
+const char *const kConnectionSettings = "PRAGMA synchronous=OFF; PRAGMA cache_size=-1024;";
+const char *const kNewDatabaseSettings = "PRAGMA page_size=4096;";
 
 const char *const kSchema = R"(
 CREATE TABLE IF NOT EXISTS block(
@@ -48,7 +57,7 @@ CREATE TABLE IF NOT EXISTS fault(
 const char *const kStatementText[] = {
     "SELECT lba, data FROM block WHERE drive = ?1 AND lba >= ?2 AND lba < ?3",
     "DELETE FROM block WHERE drive = ?1 AND lba >= ?2 AND lba < ?3",
-    "INSERT OR REPLACE INTO block(drive, lba, data) VALUES(?1, ?2, ?3)",
+    "INSERT INTO block(drive, lba, data) VALUES(?1, ?2, ?3) ON CONFLICT(drive, lba) DO UPDATE SET data = excluded.data",
     "SELECT count(*) FROM block WHERE drive = ?1",
     "SELECT value FROM setting WHERE drive = ?1 AND key = ?2",
     "INSERT OR REPLACE INTO setting(drive, key, value) VALUES(?1, ?2, ?3)",
@@ -134,6 +143,7 @@ void StateStore::close() {
         sqlite3_close(db_);
         db_ = nullptr;
     }
+    schemaReady_ = false;
 }
 
 bool StateStore::failWith(const char *what) {
@@ -153,65 +163,93 @@ bool StateStore::exec(const char *sql) {
     return true;
 }
 
+// SQLite is linked into the sim alone, so its process-wide settings are ours: a run is
+// short and opens one connection, so memory set aside in advance (the lookaside slots,
+// a first batch of cache pages) would cost more page faults than it saves mallocs.
+namespace {
+void configureSqliteOnce() {
+    static const bool configured = [] {
+        sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0);
+        sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
+        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        return true;
+    }();
+    (void)configured;
+}
+} // namespace
+
 bool StateStore::open() {
     if (db_ != nullptr) {
         return true;
     }
+    configureSqliteOnce();
     std::string path = stateDir_ + "/state.db";
     if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                        nullptr) != SQLITE_OK) {
+                        commitFailpointVfs()) != SQLITE_OK) {
         failWith("open state.db");
         sqlite3_close(db_);
         db_ = nullptr;
         return false;
     }
     sqlite3_busy_timeout(db_, kBusyTimeoutMs);
-    // Each run is one short process: checkpointing and deleting the WAL at every close
-    // would cost several fsyncs a run. The WAL stays and is checkpointed as it grows;
-    // WAL mode keeps the database consistent however a run ends.
-    sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    int persistWal = 1;
-    sqlite3_file_control(db_, "main", SQLITE_FCNTL_PERSIST_WAL, &persistWal);
-    // Reads of the database file come straight from the page cache of the system.
-    exec("PRAGMA mmap_size=1073741824");
-    if (!exec("PRAGMA synchronous=NORMAL") || !createSchema()) {
+    // A rollback journal, emptied at every commit, and no syncs: a killed run leaves the
+    // journal behind and the next run puts the database back as it was before the
+    // call. A farm kept in WAL mode by an earlier version is switched over by the first
+    // run that has it to itself; until then the WAL goes on working.
+    sqlite3_exec(db_, kJournalMode, nullptr, nullptr, nullptr);
+    if (!exec(kConnectionSettings)) {
         close();
         return false;
     }
     return true;
 }
 
-// The version check is one header read; the schema is only built the first time.
-bool StateStore::createSchema() {
-    auto userVersion = [this]() {
-        sqlite3_stmt *stmt = nullptr;
-        int version = -1;
-        if (sqlite3_prepare_v2(db_, "PRAGMA user_version", -1, &stmt, nullptr) == SQLITE_OK &&
-            sqlite3_step(stmt) == SQLITE_ROW) {
-            version = sqlite3_column_int(stmt, 0);
-        }
-        sqlite3_finalize(stmt);
-        return version;
-    };
-    int version = userVersion();
+int StateStore::schemaVersion() {
+    sqlite3_stmt *stmt = nullptr;
+    int version = -1;
+    if (sqlite3_prepare_v2(db_, "PRAGMA user_version", -1, &stmt, nullptr) == SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW) {
+        version = sqlite3_column_int(stmt, 0);
+    }
+    sqlite3_finalize(stmt);
+    return version;
+}
+
+// Called inside the first transaction, so that checking the schema takes no lock of its
+// own; the schema is only built the first time (a read transaction makes way for a write
+// one to build it).
+bool StateStore::ensureSchema(bool write) {
+    // The schema is built in one transaction with its last table: that table being there
+    // (a look at the schema SQLite has just read, no statement to compile) says it all.
+    if (sqlite3_table_column_metadata(db_, "main", "fault", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) ==
+        SQLITE_OK) {
+        schemaReady_ = true;
+        return true;
+    }
+    int version = schemaVersion();
     if (version == kSchemaVersion) {
+        schemaReady_ = true;
         return true;
     }
     if (version < 0) {
         return failWith("read schema version");
     }
-    if (!exec("PRAGMA journal_mode=WAL") || !exec("BEGIN IMMEDIATE")) {
-        return false;
-    }
-    // Another process may have built it while this one waited for the lock.
-    if (userVersion() != kSchemaVersion) {
-        std::string setVersion = "PRAGMA user_version=" + std::to_string(kSchemaVersion);
-        if (!exec(kSchema) || !exec(setVersion.c_str())) {
+    if (!write) {
+        exec("ROLLBACK");
+        if (!exec("BEGIN IMMEDIATE") || !ensureSchema(true) || !exec("COMMIT")) {
             exec("ROLLBACK");
             return false;
         }
+        return exec("BEGIN");
     }
-    return exec("COMMIT");
+    // The page size only takes on a database that is still empty.
+    std::string build = std::string(kNewDatabaseSettings) + kSchema;
+    build += "PRAGMA user_version=" + std::to_string(kSchemaVersion);
+    if (!exec(build.c_str())) {
+        return false;
+    }
+    schemaReady_ = true;
+    return true;
 }
 
 sqlite3_stmt *StateStore::statement(Statement which) {
@@ -242,11 +280,16 @@ bool StateStore::begin(bool write) {
     if (!exec(write ? "BEGIN IMMEDIATE" : "BEGIN")) {
         return false;
     }
+    if (!schemaReady_ && !ensureSchema(write)) {
+        exec("ROLLBACK");
+        return false;
+    }
     inTransaction_ = true;
     return true;
 }
 
 bool StateStore::commit() {
+    failpoint(failpoint_step::kBeforeCommit);
     inTransaction_ = false;
     if (!exec("COMMIT")) {
         rollback(); // keeps the commit's error (a full disk, say) as the one reported
@@ -284,35 +327,51 @@ bool StateStore::readBlocks(int64_t drive, uint64_t lba, uint32_t count, uint8_t
     return rc == SQLITE_DONE || failWith("read blocks");
 }
 
-// Zero blocks are not stored, so the table stays as sparse as the data written.
-bool StateStore::writeBlocks(int64_t drive, uint64_t lba, uint32_t count, const uint8_t *in) {
+bool StateStore::eraseBlocks(int64_t drive, uint64_t from, uint64_t to) {
     sqlite3_stmt *erase = statement(kDeleteBlocks);
-    sqlite3_stmt *insert = statement(kInsertBlock);
-    if (erase == nullptr || insert == nullptr) {
+    if (erase == nullptr) {
         return false;
     }
-    {
-        StatementUse use(erase);
-        sqlite3_bind_int64(erase, 1, drive);
-        sqlite3_bind_int64(erase, 2, static_cast<int64_t>(lba));
-        sqlite3_bind_int64(erase, 3, static_cast<int64_t>(lba + count));
-        if (!stepDone(erase, "write blocks")) {
-            return false;
-        }
+    StatementUse use(erase);
+    sqlite3_bind_int64(erase, 1, drive);
+    sqlite3_bind_int64(erase, 2, static_cast<int64_t>(from));
+    sqlite3_bind_int64(erase, 3, static_cast<int64_t>(to));
+    return stepDone(erase, "write blocks");
+}
+
+// Zero blocks are not stored, so the table stays as sparse as the data written. A
+// non-zero block replaces its row where it is (no range is emptied first, which would
+// make SQLite take the B-tree apart and build it again); a run of zero blocks removes
+// the rows of its range.
+bool StateStore::writeBlocks(int64_t drive, uint64_t lba, uint32_t count, const uint8_t *in) {
+    sqlite3_stmt *insert = statement(kInsertBlock);
+    if (insert == nullptr) {
+        return false;
     }
-    for (uint32_t i = 0; i < count; i++) {
+    for (uint32_t i = 0; i < count;) {
         const uint8_t *block = in + static_cast<size_t>(i) * kBlockSize;
         if (isAllZero(block)) {
+            uint32_t end = i + 1;
+            while (end < count && isAllZero(in + static_cast<size_t>(end) * kBlockSize)) {
+                end++;
+            }
+            if (!eraseBlocks(drive, lba + i, lba + end)) {
+                return false;
+            }
+            i = end;
             continue;
         }
-        StatementUse use(insert);
         sqlite3_bind_int64(insert, 1, drive);
         sqlite3_bind_int64(insert, 2, static_cast<int64_t>(lba + i));
         sqlite3_bind_blob(insert, 3, block, kBlockSize, SQLITE_STATIC);
-        if (!stepDone(insert, "write blocks")) {
+        bool stored = stepDone(insert, "write blocks");
+        sqlite3_reset(insert);
+        if (!stored) {
             return false;
         }
+        i++;
     }
+    failpoint(failpoint_step::kMidWrite);
     return true;
 }
 
@@ -529,15 +588,15 @@ bool StateStore::clearFaults() {
 }
 
 bool StateStore::wipe() {
-    if (!open() || !exec("BEGIN IMMEDIATE")) {
+    if (!begin(true)) {
         return false;
     }
     if (!exec("DELETE FROM block; DELETE FROM setting; DELETE FROM journal; DELETE FROM fault;")) {
-        exec("ROLLBACK");
+        rollback();
         return false;
     }
     unlink(markerPath().c_str());
-    if (!exec("COMMIT")) {
+    if (!commit()) {
         return false;
     }
     // Give the space back; another process holding the database open only delays this.

@@ -103,7 +103,9 @@ class StateStore {
     };
     sqlite3_stmt *statement(Statement which);
     bool exec(const char *sql);
-    bool createSchema();
+    bool eraseBlocks(int64_t drive, uint64_t from, uint64_t to);
+    int schemaVersion();
+    bool ensureSchema(bool write);
     bool failWith(const char *what);
     bool stepDone(sqlite3_stmt *stmt, const char *what);
     std::string markerPath() const;
@@ -112,6 +114,7 @@ class StateStore {
     sqlite3 *db_ = nullptr;
     sqlite3_stmt *statements_[kStatementCount] = {};
     bool inTransaction_ = false;
+    bool schemaReady_ = false;
     bool healthy_ = true;
     std::string lastError_;
 };

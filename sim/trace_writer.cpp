@@ -25,17 +25,18 @@ bool writeAll(int fd, const char *bytes, size_t size) {
     return true;
 }
 
-bool readAll(int fd, std::string *content) {
-    content->clear();
-    if (lseek(fd, 0, SEEK_SET) != 0) {
-        return false;
+// The file from offset `from` to its end (`size` bytes long).
+bool readTail(int fd, uint64_t from, uint64_t size, std::string *content) {
+    content->resize(static_cast<size_t>(size - from));
+    size_t done = 0;
+    while (done < content->size()) {
+        ssize_t n = pread(fd, &(*content)[done], content->size() - done, static_cast<off_t>(from + done));
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
     }
-    char buffer[65536];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0) {
-        content->append(buffer, static_cast<size_t>(n));
-    }
-    return n == 0;
+    return true;
 }
 
 // "2024-05-01 12:34:56." at pos: the start of an entry.
@@ -99,44 +100,57 @@ size_t nextEntryStart(const std::string &content, size_t from) {
     return content.size();
 }
 
+TraceLogWriter::~TraceLogWriter() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+bool TraceLogWriter::reopen() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+    fd_ = ::open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    return fd_ >= 0;
+}
+
 bool TraceLogWriter::open(const char *fileName, uint32_t maxSize) {
-    open_ = false;
+    if (fd_ >= 0) {
+        close(fd_);
+        fd_ = -1;
+    }
     if (fileName == nullptr || *fileName == '\0') {
         return false;
     }
     path_ = fileName;
     maxSize_ = maxSize;
-    int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return false;
-    }
-    close(fd);
-    open_ = true;
-    return true;
+    return reopen();
 }
 
 bool TraceLogWriter::append(const char *module, uint32_t line, const char *text, const void *data,
                             uint32_t dataLength) {
-    if (!open_) {
+    if (fd_ < 0) {
         return false;
     }
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     std::string entry = formatTraceEntry(now, getpid(), module, line, text, data, dataLength);
-    // Another run may replace the file while this one waits for the lock: retry on the new one.
+    // Another run may have replaced the file (or may replace it while this one waits for
+    // the lock): the file this one holds then has no name left, and the entry goes to the
+    // file that now has the name.
     for (int attempt = 0; attempt < 5; attempt++) {
-        int fd = ::open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0) {
+        if (flock(fd_, LOCK_EX) != 0) {
             return false;
         }
-        flock(fd, LOCK_EX);
-        struct stat held, named;
-        bool current = fstat(fd, &held) == 0 && stat(path_.c_str(), &named) == 0 && held.st_ino == named.st_ino &&
-                       held.st_dev == named.st_dev;
-        bool written = current && appendLocked(fd, entry);
-        close(fd);
+        struct stat held;
+        bool current = fstat(fd_, &held) == 0 && held.st_nlink > 0;
+        bool written = current && appendLocked(static_cast<uint64_t>(held.st_size), entry);
+        flock(fd_, LOCK_UN);
         if (current) {
             return written;
+        }
+        if (!reopen()) {
+            return false;
         }
     }
     return false;
@@ -144,26 +158,23 @@ bool TraceLogWriter::append(const char *module, uint32_t line, const char *text,
 
 // Called with the lock held. When the entry would take the file past the bound, the file
 // is replaced by its newest entries (about half the bound) followed by the new entry.
-bool TraceLogWriter::appendLocked(int fd, const std::string &entry) {
-    struct stat info;
-    if (fstat(fd, &info) != 0) {
-        return false;
-    }
-    uint64_t size = static_cast<uint64_t>(info.st_size);
+bool TraceLogWriter::appendLocked(uint64_t size, const std::string &entry) {
     if (maxSize_ == 0 || size + entry.size() <= maxSize_) {
-        return writeAll(fd, entry.data(), entry.size());
-    }
-    std::string content;
-    if (!readAll(fd, &content)) {
-        return false;
+        return writeAll(fd_, entry.data(), entry.size());
     }
     std::string kept;
     if (entry.size() >= maxSize_ / 2) {
         kept = entry.substr(0, maxSize_); // an entry as big as the bound stands alone, cut
     } else {
-        size_t keep = maxSize_ / 2 - entry.size();
-        size_t from = content.size() > keep ? nextEntryStart(content, content.size() - keep) : 0;
-        kept = content.substr(from) + entry;
+        // Only the newest part is read: the byte before it too, which tells whether an
+        // entry starts right at its beginning.
+        uint64_t keep = maxSize_ / 2 - entry.size();
+        uint64_t base = size > keep ? size - keep - 1 : 0;
+        if (!readTail(fd_, base, size, &kept)) {
+            return false;
+        }
+        kept.erase(0, base > 0 ? nextEntryStart(kept, 1) : 0);
+        kept += entry;
     }
     std::string temporary = path_ + ".trim." + std::to_string(getpid());
     int out = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -176,6 +187,8 @@ bool TraceLogWriter::appendLocked(int fd, const std::string &entry) {
         unlink(temporary.c_str());
         return false;
     }
+    // The lock on the replaced file is released by the caller; this run's next entry
+    // finds the new file by its name.
     return true;
 }
 

@@ -17,19 +17,27 @@ std::string formatTraceEntry(const timespec &when, pid_t pid, const char *module
 // Where a file's newest part begins: the first entry that starts at or after `from`.
 size_t nextEntryStart(const std::string &content, size_t from);
 
+// The file stays open for the life of the process; each entry is added under flock, on
+// the file the name stands for at that moment (another run may have replaced it).
 class TraceLogWriter {
   public:
-    // Remembers the file (relative names stay relative to the current folder) and checks
-    // that it can be written. maxSize 0 means no bound.
+    TraceLogWriter() = default;
+    ~TraceLogWriter();
+    TraceLogWriter(const TraceLogWriter &) = delete;
+    TraceLogWriter &operator=(const TraceLogWriter &) = delete;
+
+    // Remembers the file (relative names stay relative to the current folder) and opens
+    // it. maxSize 0 means no bound.
     bool open(const char *fileName, uint32_t maxSize);
     bool append(const char *module, uint32_t line, const char *text, const void *data, uint32_t dataLength);
 
   private:
-    bool appendLocked(int fd, const std::string &entry);
+    bool reopen();
+    bool appendLocked(uint64_t size, const std::string &entry);
 
     std::string path_;
     uint32_t maxSize_ = 0;
-    bool open_ = false;
+    int fd_ = -1;
 };
 
 } // namespace kelsim

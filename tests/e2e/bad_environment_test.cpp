@@ -109,18 +109,19 @@ TEST_F(BadEnvironment, FullStateFolderFailsTheWriteAndKeepsTheRest) {
     }
     ASSERT_LT(stripe, 20) << "256 KiB never filled up";
     EXPECT_EQ(failed.exitStatus, 1);
-    EXPECT_NE(failed.out.find("KEL0016-E PassThrough execution error. detail=farm state: database or disk is full"),
-              std::string::npos)
+    EXPECT_NE(failed.out.find("KEL0016-E PassThrough execution error. detail=farm state: "), std::string::npos)
         << failed.out;
-    // What was written before is still there, the failed half left nothing, the database is whole.
+    EXPECT_NE(failed.out.find("database or disk is full"), std::string::npos) << failed.out;
+    // What was written before is still there; of the failed stripe (two commands) nothing
+    // or its whole first half landed; the database is whole.
     EXPECT_NE(kelpthWithState(state, {"PDOneSectorRead", "0", "0", "0x10"}).out.find(kWrittenSector),
               std::string::npos);
     char lba[16];
     snprintf(lba, sizeof lba, "0x%X", stripe * 256);
     const std::string dump = kelpthWithState(state, {"r", "0", "1", lba}).out;
-    EXPECT_EQ(dump.find("00000000: 5A"), std::string::npos) << "the failed stripe's first half landed";
-    const RunResult check = run({"/usr/bin/sqlite3", state + "/state.db", "PRAGMA integrity_check;"});
-    EXPECT_EQ(check.out, "ok\n") << check.err;
+    const int rows = patternRows(dump);
+    EXPECT_TRUE(rows == 0 || (rows == 4096 && dump.find("00000000: 5A") != std::string::npos)) << rows << " rows";
+    expectSoundDatabase(state);
 }
 
 TEST_F(BadEnvironment, CorruptStateDatabaseIsReportedByBothTools) {

@@ -122,6 +122,13 @@ RunResult FarmTest::kelsim(const std::vector<std::string> &args) {
     return run(full);
 }
 
+void FarmTest::expectSoundDatabase(const std::string &folder) {
+    const std::string database = (folder.empty() ? stateDir : folder) + "/state.db";
+    const RunResult check = run({"/usr/bin/sqlite3", database, "PRAGMA integrity_check;"});
+    EXPECT_NE(check.exitStatus, 127) << "sqlite3 is missing: scripts/deps.sh installs it";
+    EXPECT_EQ(check.out, "ok\n") << database << ": " << check.err;
+}
+
 std::string FarmTest::readFile(const std::string &name) const {
     std::ifstream file(workDir + "/" + name, std::ios::binary);
     std::stringstream text;

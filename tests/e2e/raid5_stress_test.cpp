@@ -35,14 +35,6 @@ class Raid5Stress : public FarmTest {
         ASSERT_EQ(kelsim({"reset"}).exitStatus, 0);
     }
 
-    // SQLite's own check of the state database; sqlite3 is one of the build's
-    // dependencies, so a missing one fails the test.
-    void expectSoundDatabase() {
-        const RunResult check = run({"/usr/bin/sqlite3", stateDir + "/state.db", "PRAGMA integrity_check;"});
-        ASSERT_NE(check.exitStatus, 127) << "sqlite3 is missing: scripts/deps.sh installs it";
-        EXPECT_EQ(check.out, "ok\n") << check.err;
-    }
-
     // Every member block of the volume: 'Z' all 0x5A, 'X' anything else; a block with no
     // row reads as zeros.
     std::map<std::pair<int, long>, char> memberBlocks() {

@@ -18,12 +18,12 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log" || {
     cat "$work/install.log"
     exit 1
 }
-for file in bin/kelpth bin/kelsim lib/kelpth/sim/libkelctl.so lib/kelpth/sim/libkelpth.so \
+for file in bin/kelpth bin/kelsim lib/kelpth/sim/libkelctl.so lib/kelpth/sim/libkelpth.so lib/kelpth/sim/libkelsim.so \
     share/man/man1/kelpth.1.gz share/man/man1/kelsim.1.gz \
     share/bash-completion/completions/kelpth share/bash-completion/completions/kelsim; do
     check "installed $file" test -f "$prefix/$file"
 done
-check "nothing else in lib" test "$(find "$prefix/lib" -type f | wc -l)" -eq 2
+check "nothing else in lib" test "$(find "$prefix/lib" -type f | wc -l)" -eq 3
 check "RUNPATH, not RPATH" grep -q 'RUNPATH.*\[\$ORIGIN/../lib/kelpth/sim\]' <(readelf -d "$prefix/bin/kelpth")
 
 mkdir -p "$work/run" && cd "$work/run" || exit 1

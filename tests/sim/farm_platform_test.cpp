@@ -318,7 +318,8 @@ TEST(FaultArguments, RefusalsAndForms) {
 using ControllerLibraryTest = FarmFolder;
 
 TEST_F(ControllerLibraryTest, StatusAndDriveInformationFollowTheTopology) {
-    ControllerLibrary library(stateDir);
+    Farm farm(stateDir);
+    ControllerLibrary library(farm);
     uint8_t count = 0;
     EXPECT_EQ(library.getContNum(&count), 0) << "before initContData";
     EXPECT_EQ(library.lastError(), 0x101u);
@@ -361,7 +362,8 @@ TEST_F(ControllerLibraryTest, ScriptedFaultsHitOnlyTheirOwnCall) {
         script.addFault({"no-controller", 0, {}}, 1);
         ASSERT_TRUE(transaction.commit());
     }
-    ControllerLibrary library(stateDir);
+    Farm farm(stateDir);
+    ControllerLibrary library(farm);
     EXPECT_EQ(library.initContData(0), 0);
     EXPECT_EQ(library.lastError(), 0x1234u);
     ASSERT_EQ(library.initContData(0), 1);
