@@ -9,7 +9,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 out=${1:-"$root/build-fuzz"}
 mkdir -p "$out/obj"
 flags=(-std=c++17 -g -O1 -Wall -Wextra -fsanitize=address,undefined -fno-sanitize-recover=undefined
-    -I"$root/include" -I"$root/lib")
+    -I"$root/include" -I"$root/lib" -I"$root")
 export FLAGS="${flags[*]}" OBJ="$out/obj"
 # The program's sources (without main) and the fake libraries, compiled once for both,
 # two at a time.

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "fake_libs.h"
 #include "kelctl.h"
 #include "kelpth/functbl.h"
 #include "kelpth/trace.h"
@@ -101,6 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (FuncTblEntry *entry = functbl; entry->name[0] != '\0'; entry++) {
         entry->argv = nullptr;
     }
+    resetFakeCallBudget();
     HistoryLog(static_cast<int>(words.size()), argv.data());
     dispatchCommand(static_cast<int>(words.size()), argv.data());
     finContData();

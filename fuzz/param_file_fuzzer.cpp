@@ -1,6 +1,6 @@
-// Fuzz target: arbitrary bytes as the parameter file of P, ANY and the SATA ANY, each
-// handler run end to end against the in-memory libraries with its screen output thrown
-// away.
+// Fuzz target: arbitrary bytes as the parameter file of every command that reads one
+// (P, ANY, the SATA ANY, E, e, N, N5 and A), each handler run end to end against the
+// in-memory libraries with its screen output thrown away.
 #include <unistd.h>
 
 #include <cstdint>
@@ -8,16 +8,26 @@
 #include <cstdlib>
 #include <string>
 
+#include "fake_libs.h"
 #include "kelpth/functbl.h"
 #include "kelpth/handlers.h"
 
 namespace {
 std::string parameterFile;
 char commandName[] = "kelpth";
-char fixedWord[] = "P";
-char freeWord[] = "ANY";
-char *fixedArgv[4];
-char *freeArgv[4];
+char fileCommandWord[] = "param";
+char *fileArgv[4];
+
+struct FileCommand {
+    FuncTblIndex entry;
+    KelHandler handler;
+};
+const FileCommand kFileCommands[] = {
+    {kTblFixPassThrough, KelFixAnyPassThrough},        {kTblFreePassThrough, KelFreAnyPassThrough},
+    {kTblFreePassThrough, KelFreAnyPassThrough_SATA},  {kTblMediaError, KelPDHDDMediaErrorSet},
+    {kTblMediaErrorSata, KelPDHDDMediaErrorSet_SATA},  {kTblErrorInjection, KelPDHDDErrorInjectionSet},
+    {kTblErrorInjection5, KelPDHDDErrorInjectionSet5}, {kTblErrorInjectionSata, KelPDHDDErrorInjectionSet_SATA},
+};
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
@@ -32,12 +42,12 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     }
     close(fd);
     parameterFile = pattern;
-    fixedArgv[0] = freeArgv[0] = commandName;
-    fixedArgv[1] = fixedWord;
-    freeArgv[1] = freeWord;
-    fixedArgv[2] = freeArgv[2] = parameterFile.data();
-    functbl[kTblFixPassThrough].argv = fixedArgv;
-    functbl[kTblFreePassThrough].argv = freeArgv;
+    fileArgv[0] = commandName;
+    fileArgv[1] = fileCommandWord;
+    fileArgv[2] = parameterFile.data();
+    for (const FileCommand &command : kFileCommands) {
+        functbl[command.entry].argv = fileArgv;
+    }
     atexit([] { unlink(parameterFile.c_str()); });
     return 0;
 }
@@ -49,8 +59,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     fwrite(data, 1, size, file);
     fclose(file);
-    KelFixAnyPassThrough();
-    KelFreAnyPassThrough();
-    KelFreAnyPassThrough_SATA();
+    for (const FileCommand &command : kFileCommands) {
+        resetFakeCallBudget();
+        command.handler();
+    }
     return 0;
 }

@@ -123,6 +123,25 @@ int ControllerLibrary::getRaidStatus(uint8_t controllerNo, RaidStatus *status) {
         }
         status->physicalDriveState[i] = state;
     }
+    // The database is read only while some volume may have lost a member.
+    if (farm_.volumesMayBeDegraded()) {
+        StoreTransaction reading(farm_.store(), false);
+        for (int i = 0; reading.active() && i < kLogicalDrivesPerController; i++) {
+            if (!controller->logicalDrives[static_cast<size_t>(i)].present) {
+                continue;
+            }
+            int failedSlot = -1;
+            const VolumeState state = farm_.volumeState(controllerNo, i, &failedSlot);
+            if (state == VolumeState::Optimal) {
+                continue;
+            }
+            const bool rebuilding = state == VolumeState::Rebuilding;
+            status->logicalDriveState[i] = rebuilding ? kLogicalDriveRebuilding : kLogicalDriveDegraded;
+            if (failedSlot >= 0) {
+                status->physicalDriveState[failedSlot] = rebuilding ? kSlotRebuilding : kSlotFailed;
+            }
+        }
+    }
     return 1;
 }
 

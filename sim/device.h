@@ -26,11 +26,16 @@ struct ScsiResult {
     bool checkCondition = false;
     std::array<uint8_t, 18> sense{}; // fixed format, response code 0x70
     uint32_t transferred = 0;        // bytes moved to or from the host buffer
+    bool timedOut = false;           // no status at all: the initiator gives up waiting
 };
 
 // Fixed-format sense data; the sense-key-specific field pointer is optional.
 ScsiResult checkCondition(uint8_t senseKey, uint8_t asc, uint8_t ascq);
 ScsiResult invalidFieldInCdb(uint16_t byteIndex, int bitIndex = -1);
+// Sets VALID and the information field.
+void setInformation(ScsiResult *result, uint32_t information);
+// UNRECOVERED READ ERROR naming the block (in the information field when it fits).
+ScsiResult mediumError(uint64_t lba);
 
 namespace sense {
 constexpr uint8_t kNoSense = 0x0, kRecoveredError = 0x1, kNotReady = 0x2, kMediumError = 0x3, kHardwareError = 0x4,
@@ -64,6 +69,9 @@ namespace kelsim {
 
 enum class DriveInterface { Sas, Sata };
 
+// A long block holds at most this many bytes (data and check bytes).
+constexpr uint32_t kLargestLongBlock = 4096;
+
 // What the topology says about one physical drive.
 struct DriveIdentity {
     DriveInterface interface = DriveInterface::Sas;
@@ -73,6 +81,7 @@ struct DriveIdentity {
     std::string serial;
     uint64_t nativeBlocks = 0;                // native capacity in 512-byte blocks
     bool writeUncorrectableSupported = false; // SATA: IDENTIFY word 119 bit 2
+    uint32_t longBlockBytes = 520;            // SAS: a block's data and check bytes (READ/WRITE LONG)
 };
 
 // Small persistent per-drive settings (current capacity, mode-page values, ...),

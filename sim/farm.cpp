@@ -44,20 +44,6 @@ bool readWholeFile(const std::string &path, std::string *text, int *error) {
     return n == 0;
 }
 
-// A SAS member's WRITE LONG marks, as a volume over it sees them.
-class SasMediaErrors : public MemberMediaErrors {
-  public:
-    explicit SasMediaErrors(DriveSettings &settings) : settings_(settings) {}
-    bool anyBad(uint64_t lba, uint32_t count) override {
-        uint64_t badLba;
-        return sasFirstMediaError(settings_, lba, count, &badLba);
-    }
-    void cleared(uint64_t lba, uint32_t count) override { sasClearMediaErrors(settings_, lba, count); }
-
-  private:
-    DriveSettings &settings_;
-};
-
 } // namespace
 
 std::string stateDirectoryFromEnvironment() {
@@ -173,9 +159,6 @@ Farm::DriveParts *Farm::parts(int controllerNo, int slotNo) {
     if (!drive.medium) {
         drive.medium = std::make_unique<StoredMedium>(store_, key);
         drive.settings = std::make_unique<StoredSettings>(store_, key);
-        if (slot(controllerNo, slotNo)->identity.interface == DriveInterface::Sas) {
-            drive.mediaErrors = std::make_unique<SasMediaErrors>(*drive.settings);
-        }
     }
     return &drive;
 }
@@ -183,6 +166,37 @@ Farm::DriveParts *Farm::parts(int controllerNo, int slotNo) {
 Medium *Farm::medium(int controllerNo, int slotNo) {
     DriveParts *drive = parts(controllerNo, slotNo);
     return drive != nullptr ? drive->medium.get() : nullptr;
+}
+
+bool Farm::volumesMayBeDegraded() const {
+    return access((stateDir_ + "/volumes.degraded").c_str(), F_OK) == 0;
+}
+
+void Farm::markVolumesDegraded(bool degraded) {
+    const std::string path = stateDir_ + "/volumes.degraded";
+    if (!degraded) {
+        unlink(path.c_str());
+        return;
+    }
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+VolumeState Farm::volumeState(int controllerNo, int ldNo, int *failedSlot) {
+    *failedSlot = -1;
+    const LogicalDriveConfig *config = logicalDrive(controllerNo, ldNo);
+    if (config == nullptr) {
+        return VolumeState::Optimal;
+    }
+    StoredSettings settings(store_, volumeKey(controllerNo, ldNo));
+    int failed = -1;
+    VolumeState state = readVolumeState(settings, config->memberSlots.size(), &failed);
+    if (failed >= 0) {
+        *failedSlot = config->memberSlots[static_cast<size_t>(failed)];
+    }
+    return state;
 }
 
 ScsiTarget *Farm::physicalDrive(int controllerNo, int slotNo) {
@@ -204,21 +218,38 @@ RaidVolume *Farm::volume(int controllerNo, int ldNo) {
     if (config == nullptr) {
         return nullptr;
     }
-    std::unique_ptr<RaidVolume> &volume = volumes_[controllerNo * kLogicalDrivesPerController + ldNo];
-    if (!volume) {
+    VolumeParts &parts = volumes_[controllerNo * kLogicalDrivesPerController + ldNo];
+    if (!parts.volume) {
+        // The volume sends its members block commands through their own device models.
         std::vector<VolumeMember> members;
         for (int slotNo : config->memberSlots) {
             VolumeMember member;
-            DriveParts *drive = parts(controllerNo, slotNo);
-            member.medium = drive->medium.get();
-            member.mediaErrors = drive->mediaErrors.get();
-            member.blocks = slot(controllerNo, slotNo)->identity.nativeBlocks;
+            member.target = physicalDrive(controllerNo, slotNo);
+            const DriveIdentity &identity = slot(controllerNo, slotNo)->identity;
+            member.blocks = identity.nativeBlocks;
+            member.protocol =
+                identity.interface == DriveInterface::Sata ? MemberProtocol::AtaPassThrough : MemberProtocol::Scsi;
             members.push_back(member);
         }
         std::string serial = "ORV" + std::to_string(controllerNo) + "LD" + std::to_string(ldNo);
-        volume = std::make_unique<RaidVolume>(config->level, config->stripBlocks, std::move(members), serial);
+        parts.settings = std::make_unique<StoredSettings>(store_, volumeKey(controllerNo, ldNo));
+        parts.volume = std::make_unique<RaidVolume>(config->level, config->stripBlocks, std::move(members), serial,
+                                                    parts.settings.get());
+        // Each repair is journaled as the write the member received.
+        std::vector<int> slots = config->memberSlots;
+        parts.volume->onRepair([this, controllerNo, ldNo, slots](const MemberRepair &repair) {
+            const int slotNo = slots[static_cast<size_t>(repair.member)];
+            JournalEntry entry;
+            entry.function = "RaidRepair ld=" + std::to_string(ldNo) + " lba=" + std::to_string(repair.memberLba);
+            entry.hasRequest = true;
+            entry.controllerNo = static_cast<uint8_t>(controllerNo);
+            entry.driveNo = static_cast<uint8_t>(slotNo);
+            entry.interfaceType = slot(controllerNo, slotNo)->identity.interface == DriveInterface::Sata ? 1 : 0;
+            entry.dataLength = repair.count * kBlockSize;
+            store_.appendJournal(entry);
+        });
     }
-    return volume.get();
+    return parts.volume.get();
 }
 
 } // namespace kelsim

@@ -28,6 +28,11 @@ inline int64_t driveKey(int controller, int slot) {
     return controller * kSlotsPerController + slot;
 }
 
+// The key of a logical drive's own settings (its state) in the store, apart from drives.
+inline int64_t volumeKey(int controller, int ld) {
+    return -1 - (controller * kLogicalDrivesPerController + ld);
+}
+
 class Farm {
   public:
     explicit Farm(std::string stateDir);
@@ -42,6 +47,14 @@ class Farm {
     const SlotConfig *slot(int controllerNo, int slotNo) const;               // null when empty
     const LogicalDriveConfig *logicalDrive(int controllerNo, int ldNo) const; // null when absent
 
+    // The marker file "volumes.degraded" exists while some volume may not be optimal, so
+    // that getRaidStatus opens the database only then. kelsim keeps it after a change.
+    bool volumesMayBeDegraded() const;
+    void markVolumesDegraded(bool degraded);
+    // A logical drive's state from the store (inside the caller's transaction); the slot of
+    // its failed member, or -1.
+    VolumeState volumeState(int controllerNo, int ldNo, int *failedSlot);
+
     ScsiTarget *physicalDrive(int controllerNo, int slotNo);
     RaidVolume *volume(int controllerNo, int ldNo);
     Medium *medium(int controllerNo, int slotNo);
@@ -51,7 +64,10 @@ class Farm {
         std::unique_ptr<StoredMedium> medium;
         std::unique_ptr<StoredSettings> settings;
         std::unique_ptr<ScsiTarget> target;
-        std::unique_ptr<MemberMediaErrors> mediaErrors; // what a volume asks before trusting the medium
+    };
+    struct VolumeParts {
+        std::unique_ptr<StoredSettings> settings;
+        std::unique_ptr<RaidVolume> volume;
     };
     DriveParts *parts(int controllerNo, int slotNo);
 
@@ -62,7 +78,7 @@ class Farm {
     Topology topology_;
     StateStore store_;
     std::map<int64_t, DriveParts> drives_;
-    std::map<int, std::unique_ptr<RaidVolume>> volumes_;
+    std::map<int, VolumeParts> volumes_;
 };
 
 } // namespace kelsim

@@ -5,6 +5,7 @@
 #include "farm.h"
 #include "faults.h"
 #include "journal.h"
+#include "kelsim_raid.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -29,6 +30,7 @@ const char kUsage[] = "usage: kelsim <command>\n"
 
 int usage() {
     fputs(kUsage, stderr);
+    fputs(kRaidUsage, stderr);
     return 2;
 }
 
@@ -57,6 +59,7 @@ int reset(const std::string &stateDir) {
     if (!store.wipe()) {
         return failure("cannot wipe the state: " + store.lastError());
     }
+    Farm(stateDir).markVolumesDegraded(false);
     printf("default farm written to %s/farm.conf, state wiped\n", stateDir.c_str());
     return 0;
 }
@@ -101,6 +104,10 @@ int show(const std::string &stateDir) {
                    s, id.interface == DriveInterface::Sata ? "SATA" : "SAS", id.vendor.c_str(), id.product.c_str(),
                    id.revision.c_str(), id.serial.c_str(), id.nativeBlocks, humanSize(id.nativeBlocks).c_str(),
                    role.c_str(), written, changed.c_str());
+            if (std::string faults = reading.active() ? driveFaultsText(farm, static_cast<int>(c), s) : "";
+                !faults.empty()) {
+                printf("          faults: %s\n", faults.c_str());
+            }
         }
         for (int n = 0; n < kLogicalDrivesPerController; n++) {
             const LogicalDriveConfig &ld = controller.logicalDrives[static_cast<size_t>(n)];
@@ -114,8 +121,9 @@ int show(const std::string &stateDir) {
                 memberBlocks.push_back(controller.slots[static_cast<size_t>(slot)].identity.nativeBlocks);
             }
             uint64_t capacity = raidCapacity(ld.level, ld.stripBlocks, memberBlocks);
-            printf("  ld %d  %s  strip %u  members %s  %" PRIu64 " blocks (%s)\n", n, raidLevelName(ld.level),
-                   ld.stripBlocks, members.c_str(), capacity, humanSize(capacity).c_str());
+            std::string state = reading.active() ? volumeStateText(farm, static_cast<int>(c), n) : "?";
+            printf("  ld %d  %s  strip %u  members %s  %" PRIu64 " blocks (%s)  %s\n", n, raidLevelName(ld.level),
+                   ld.stripBlocks, members.c_str(), capacity, humanSize(capacity).c_str(), state.c_str());
         }
     }
     return 0;
@@ -198,8 +206,12 @@ int main(int argc, char **argv) {
     if (command == "fault" && !args.empty()) {
         return fault(stateDir, args);
     }
+    if (int status = runRaidCommand(stateDir, command, args); status >= 0) {
+        return status;
+    }
     if (command == "help" || command == "--help" || command == "-h") {
         fputs(kUsage, stdout);
+        fputs(kRaidUsage, stdout);
         return 0;
     }
     return usage();

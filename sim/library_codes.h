@@ -16,7 +16,11 @@ constexpr uint32_t kErrorNoSuchController = 0x00010000;     // the controller do
 
 // getRaidStatus state bytes (0xFF: absent).
 constexpr uint8_t kLogicalDriveOptimal = 0x01;
-constexpr uint8_t kSlotOnline = 0x01; // member of a logical drive
-constexpr uint8_t kSlotReady = 0x02;  // present, in no logical drive
+constexpr uint8_t kLogicalDriveDegraded = 0x02;   // a member failed
+constexpr uint8_t kLogicalDriveRebuilding = 0x03; // a failed member is being rewritten
+constexpr uint8_t kSlotOnline = 0x01;             // member of a logical drive
+constexpr uint8_t kSlotReady = 0x02;              // present, in no logical drive
+constexpr uint8_t kSlotFailed = 0x03;             // a member its logical drive no longer uses
+constexpr uint8_t kSlotRebuilding = 0x04;         // a member being rewritten
 
 } // namespace kelsim

@@ -182,6 +182,9 @@ Outcome execute(Farm &farm, const PassCall &call) {
     Outcome outcome;
     outcome.setLength = !sends;
     outcome.transferred = std::min(result.transferred, command.dataLength);
+    if (result.timedOut) {
+        return statusOnly(KEL_STATUS_TIMEOUT);
+    }
     if (result.checkCondition) {
         outcome.status = KEL_STATUS_CHECK_CONDITION;
         outcome.detail.assign(result.sense.begin(), result.sense.end());

@@ -1,5 +1,6 @@
 // RAID volumes: the block layouts of RAID 0, 1 and 5 (left-symmetric, parity kept on
-// every write) and the SCSI commands a logical drive answers.
+// every write), reads that rebuild and repair what a member cannot give, and the SCSI
+// commands a logical drive answers.
 #include "raid_volume.h"
 
 #include "byte_order.h"
@@ -14,10 +15,6 @@ void xorInto(uint8_t *target, const uint8_t *source, size_t size) {
     for (size_t i = 0; i < size; i++) {
         target[i] ^= source[i];
     }
-}
-
-ScsiResult mediumError() {
-    return checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
 }
 
 // Copies a reply into the host buffer, cut at the allocation length and the buffer size.
@@ -53,14 +50,16 @@ uint64_t raidCapacity(RaidLevel level, uint32_t stripBlocks, const std::vector<u
     return 0;
 }
 
-RaidVolume::RaidVolume(RaidLevel level, uint32_t stripBlocks, std::vector<VolumeMember> members, std::string serial)
+RaidVolume::RaidVolume(RaidLevel level, uint32_t stripBlocks, std::vector<VolumeMember> members, std::string serial,
+                       DriveSettings *settings)
     : level_(level), stripBlocks_(stripBlocks == 0 ? 1 : stripBlocks), members_(std::move(members)),
-      serial_(std::move(serial)) {
+      serial_(std::move(serial)), settings_(settings) {
     std::vector<uint64_t> blocks;
     for (const VolumeMember &member : members_) {
         blocks.push_back(member.blocks);
     }
     capacity_ = raidCapacity(level_, stripBlocks_, blocks);
+    loadState();
 }
 
 // RAID 0: strip k is on member k mod n, row k div n.
@@ -95,23 +94,6 @@ StripExtent RaidVolume::locate(uint64_t volumeLba, uint32_t maxCount) const {
     return extent;
 }
 
-bool RaidVolume::readMember(int member, uint64_t lba, uint32_t count, uint8_t *out) {
-    VolumeMember &target = members_[static_cast<size_t>(member)];
-    if (target.mediaErrors != nullptr && target.mediaErrors->anyBad(lba, count)) {
-        return false;
-    }
-    target.medium->read(lba, count, out);
-    return true;
-}
-
-void RaidVolume::writeMember(int member, uint64_t lba, uint32_t count, const uint8_t *in) {
-    VolumeMember &target = members_[static_cast<size_t>(member)];
-    target.medium->write(lba, count, in);
-    if (target.mediaErrors != nullptr) {
-        target.mediaErrors->cleared(lba, count);
-    }
-}
-
 bool RaidVolume::reconstruct(int missing, uint64_t memberLba, uint32_t count, uint8_t *out) {
     size_t size = static_cast<size_t>(count) * kBlockSize;
     std::vector<uint8_t> other(size);
@@ -120,7 +102,7 @@ bool RaidVolume::reconstruct(int missing, uint64_t memberLba, uint32_t count, ui
         if (m == missing) {
             continue;
         }
-        if (!readMember(m, memberLba, count, other.data())) {
+        if (readMember(m, memberLba, count, other.data()).answer != Answer::Good) {
             return false; // two failures in one row: the data is gone
         }
         xorInto(out, other.data(), size);
@@ -128,20 +110,69 @@ bool RaidVolume::reconstruct(int missing, uint64_t memberLba, uint32_t count, ui
     return true;
 }
 
-bool RaidVolume::readExtent(const StripExtent &extent, uint8_t *out) {
+bool RaidVolume::otherDataXor(const StripExtent &extent, uint8_t *out) {
+    size_t size = static_cast<size_t>(extent.count) * kBlockSize;
+    std::vector<uint8_t> other(size);
+    memset(out, 0, size);
+    for (int m = 0; m < static_cast<int>(members_.size()); m++) {
+        if (m == extent.member || m == extent.parityMember) {
+            continue;
+        }
+        if (readMember(m, extent.memberLba, extent.count, other.data()).answer != Answer::Good) {
+            return false;
+        }
+        xorInto(out, other.data(), size);
+    }
+    return true;
+}
+
+void RaidVolume::repair(int member, uint64_t memberLba, uint32_t count, const uint8_t *data) {
+    if (writeMember(member, memberLba, count, data) && repairObserver_) {
+        repairObserver_(MemberRepair{member, memberLba, count});
+    }
+}
+
+bool RaidVolume::readExtent(const StripExtent &extent, uint8_t *out, uint32_t *goodBlocks) {
+    *goodBlocks = 0;
     switch (level_) {
-    case RaidLevel::Raid0:
-        return readMember(extent.member, extent.memberLba, extent.count, out);
-    case RaidLevel::Raid1:
+    case RaidLevel::Raid0: {
+        MemberRead read = readMember(extent.member, extent.memberLba, extent.count, out);
+        *goodBlocks = read.goodBlocks;
+        return read.answer == Answer::Good;
+    }
+    case RaidLevel::Raid1: {
+        // The first mirror that gives the blocks wins; mirrors with a media error before it
+        // get them written back.
+        std::vector<int> damaged;
         for (int m = 0; m < static_cast<int>(members_.size()); m++) {
-            if (readMember(m, extent.memberLba, extent.count, out)) {
+            MemberRead read = readMember(m, extent.memberLba, extent.count, out);
+            if (read.answer == Answer::Good) {
+                for (int bad : damaged) {
+                    repair(bad, extent.memberLba, extent.count, out);
+                }
                 return true;
             }
+            if (read.answer == Answer::MediumError) {
+                damaged.push_back(m);
+            }
+            *goodBlocks = m == 0 ? read.goodBlocks : std::min(*goodBlocks, read.goodBlocks);
         }
         return false;
-    case RaidLevel::Raid5:
-        return readMember(extent.member, extent.memberLba, extent.count, out) ||
-               reconstruct(extent.member, extent.memberLba, extent.count, out);
+    }
+    case RaidLevel::Raid5: {
+        MemberRead read = readMember(extent.member, extent.memberLba, extent.count, out);
+        if (read.answer == Answer::Good) {
+            return true;
+        }
+        *goodBlocks = read.goodBlocks;
+        if (!reconstruct(extent.member, extent.memberLba, extent.count, out)) {
+            return false;
+        }
+        if (read.answer == Answer::MediumError) {
+            repair(extent.member, extent.memberLba, extent.count, out);
+        }
+        return true;
+    }
     }
     return false;
 }
@@ -149,33 +180,38 @@ bool RaidVolume::readExtent(const StripExtent &extent, uint8_t *out) {
 bool RaidVolume::writeExtent(const StripExtent &extent, const uint8_t *in) {
     switch (level_) {
     case RaidLevel::Raid0:
-        writeMember(extent.member, extent.memberLba, extent.count, in);
-        return true;
-    case RaidLevel::Raid1:
+        return writeMember(extent.member, extent.memberLba, extent.count, in);
+    case RaidLevel::Raid1: {
+        bool anyWritten = false;
         for (int m = 0; m < static_cast<int>(members_.size()); m++) {
-            writeMember(m, extent.memberLba, extent.count, in);
+            anyWritten = writeMember(m, extent.memberLba, extent.count, in) || anyWritten;
         }
-        return true;
+        return anyWritten;
+    }
     case RaidLevel::Raid5:
         break;
     }
     // Read-modify-write: new parity = old parity ^ old data ^ new data. The old data and
-    // the old parity are reconstructed when their own member cannot give them.
+    // the old parity are reconstructed when their own member cannot give them; when neither
+    // can be had, the parity is made afresh from the row's other data and the new data.
     size_t size = static_cast<size_t>(extent.count) * kBlockSize;
     std::vector<uint8_t> parity(size), oldData(size);
-    if (!readMember(extent.member, extent.memberLba, extent.count, oldData.data()) &&
-        !reconstruct(extent.member, extent.memberLba, extent.count, oldData.data())) {
+    const bool haveOldData =
+        readMember(extent.member, extent.memberLba, extent.count, oldData.data()).answer == Answer::Good ||
+        reconstruct(extent.member, extent.memberLba, extent.count, oldData.data());
+    const bool haveOldParity =
+        haveOldData &&
+        (readMember(extent.parityMember, extent.memberLba, extent.count, parity.data()).answer == Answer::Good ||
+         reconstruct(extent.parityMember, extent.memberLba, extent.count, parity.data()));
+    if (haveOldParity) {
+        xorInto(parity.data(), oldData.data(), size);
+    } else if (!otherDataXor(extent, parity.data())) {
         return false;
     }
-    if (!readMember(extent.parityMember, extent.memberLba, extent.count, parity.data()) &&
-        !reconstruct(extent.parityMember, extent.memberLba, extent.count, parity.data())) {
-        return false;
-    }
-    xorInto(parity.data(), oldData.data(), size);
     xorInto(parity.data(), in, size);
-    writeMember(extent.member, extent.memberLba, extent.count, in);
-    writeMember(extent.parityMember, extent.memberLba, extent.count, parity.data());
-    return true;
+    bool dataWritten = writeMember(extent.member, extent.memberLba, extent.count, in);
+    bool parityWritten = writeMember(extent.parityMember, extent.memberLba, extent.count, parity.data());
+    return dataWritten || parityWritten;
 }
 
 ScsiResult RaidVolume::execute(const ScsiCommand &command) {
@@ -225,11 +261,12 @@ ScsiResult RaidVolume::transfer(const ScsiCommand &command, uint64_t lba, uint32
     while (done < blocks) {
         StripExtent extent = locate(lba + done, blocks - done);
         uint8_t *at = data + static_cast<size_t>(done) * kBlockSize;
-        bool ok = write ? writeExtent(extent, at) : readExtent(extent, at);
+        uint32_t goodBlocks = 0;
+        bool ok = write ? writeExtent(extent, at) : readExtent(extent, at, &goodBlocks);
         if (!ok) {
             ScsiResult failed = write ? checkCondition(sense::kMediumError, 0x0C, 0x00) // write error
-                                      : mediumError();
-            failed.transferred = done * kBlockSize;
+                                      : mediumError(lba + done + goodBlocks);
+            failed.transferred = (done + goodBlocks) * kBlockSize;
             return failed;
         }
         done += extent.count;

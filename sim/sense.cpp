@@ -26,4 +26,17 @@ ScsiResult invalidFieldInCdb(uint16_t byteIndex, int bitIndex) {
     return result;
 }
 
+void setInformation(ScsiResult *result, uint32_t information) {
+    result->sense[0] |= 0x80; // VALID: the information field means something
+    putBe(&result->sense[3], 4, information);
+}
+
+ScsiResult mediumError(uint64_t lba) {
+    ScsiResult result = checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
+    if (lba <= 0xFFFFFFFFULL) {
+        setInformation(&result, static_cast<uint32_t>(lba));
+    }
+    return result;
+}
+
 } // namespace kelsim

@@ -74,6 +74,7 @@ const char *const kStatementText[] = {
     "SELECT 1 FROM fault LIMIT 1",
     "SELECT kind, value, detail, remaining FROM fault ORDER BY id",
     "DELETE FROM fault",
+    "SELECT lba FROM block WHERE drive = ?1 ORDER BY lba",
 };
 
 // Resets a cached statement when the function using it returns.
@@ -123,7 +124,7 @@ void bindOptional(sqlite3_stmt *stmt, int index, bool present, int64_t value) {
 
 } // namespace
 
-static_assert(sizeof(kStatementText) / sizeof(kStatementText[0]) == 16, "one text per statement");
+static_assert(sizeof(kStatementText) / sizeof(kStatementText[0]) == 17, "one text per statement");
 
 StateStore::StateStore(std::string stateDir) : stateDir_(std::move(stateDir)) {}
 
@@ -383,6 +384,20 @@ uint64_t StateStore::storedBlockCount(int64_t drive) {
     StatementUse use(stmt);
     sqlite3_bind_int64(stmt, 1, drive);
     return sqlite3_step(stmt) == SQLITE_ROW ? static_cast<uint64_t>(sqlite3_column_int64(stmt, 0)) : 0;
+}
+
+bool StateStore::storedLbas(int64_t drive, std::vector<uint64_t> *lbas) {
+    sqlite3_stmt *stmt = statement(kListBlockLbas);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    sqlite3_bind_int64(stmt, 1, drive);
+    int step;
+    while ((step = sqlite3_step(stmt)) == SQLITE_ROW) {
+        lbas->push_back(static_cast<uint64_t>(sqlite3_column_int64(stmt, 0)));
+    }
+    return step == SQLITE_DONE;
 }
 
 bool StateStore::getSetting(int64_t drive, const std::string &key, std::string *value) {

@@ -62,6 +62,8 @@ class StateStore {
     bool readBlocks(int64_t drive, uint64_t lba, uint32_t count, uint8_t *out);
     bool writeBlocks(int64_t drive, uint64_t lba, uint32_t count, const uint8_t *in);
     uint64_t storedBlockCount(int64_t drive);
+    // The LBAs of a drive's stored (non-zero) blocks, in order, appended to lbas.
+    bool storedLbas(int64_t drive, std::vector<uint64_t> *lbas);
 
     bool getSetting(int64_t drive, const std::string &key, std::string *value);
     bool setSetting(int64_t drive, const std::string &key, const std::string &value);
@@ -99,6 +101,7 @@ class StateStore {
         kAnyFault,
         kListFaults,
         kClearFaults,
+        kListBlockLbas,
         kStatementCount
     };
     sqlite3_stmt *statement(Statement which);

@@ -3,6 +3,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <set>
 
 namespace kelsim {
@@ -229,6 +230,16 @@ class TopologyReader {
             *field = std::string(value);
             return true;
         };
+        if (key == "long-block") {
+            const std::string number(value);
+            char *end = nullptr;
+            const unsigned long bytes = strtoul(number.c_str(), &end, 10);
+            if (number.empty() || *end != '\0' || bytes <= kBlockSize || bytes > kLargestLongBlock) {
+                return fail("long-block must be 513 to " + std::to_string(kLargestLongBlock) + " bytes");
+            }
+            identity->longBlockBytes = static_cast<uint32_t>(bytes);
+            return true;
+        }
         if (key == "vendor") {
             return text(8, &identity->vendor);
         }
@@ -346,6 +357,7 @@ Topology defaultTopology() {
     first.slots[5] = sataDrive("SIMSATA16T", "SIM2", "SS0A0506", 34359738368ULL, true);
     first.slots[6] = sasDrive("MBA4SIM", "0101", "MB0A0607", 286749488);
     first.slots[6].identity.vendor = "SIMDISK";
+    first.slots[6].identity.longBlockBytes = 528; // 16 check bytes a block
     first.logicalDrives[0] = volume(RaidLevel::Raid1, {0, 1});
     first.logicalDrives[1] = volume(RaidLevel::Raid5, {2, 3, 6});
     first.logicalDrives[2] = volume(RaidLevel::Raid0, {4, 5});
@@ -365,6 +377,7 @@ std::string formatTopology(const Topology &topology) {
                        "#   slot <0-7> <sas|sata> vendor=<8 chars> product=<16 chars> revision=<4 chars>\n"
                        "#        serial=<20 chars> blocks=<512-byte blocks, decimal or 0x hex>\n"
                        "#        [write-uncorrectable]   (SATA: supports WRITE UNCORRECTABLE EXT)\n"
+                       "#        [long-block=<bytes>]    (SAS: data and check bytes of READ/WRITE LONG, 520)\n"
                        "#   ld <0-7> <raid0|raid1|raid5> strip=<blocks per strip> members=<slot,slot,...>\n"
                        "#\n"
                        "# Values cannot hold blanks. A SATA drive's vendor is \"ATA\" unless given.\n"
@@ -391,9 +404,13 @@ std::string formatTopology(const Topology &topology) {
             if (!id.serial.empty()) {
                 text += " serial=" + id.serial;
             }
-            snprintf(line, sizeof line, " blocks=%" PRIu64 "%s\n", id.nativeBlocks,
+            snprintf(line, sizeof line, " blocks=%" PRIu64 "%s", id.nativeBlocks,
                      id.writeUncorrectableSupported ? " write-uncorrectable" : "");
             text += line;
+            if (id.longBlockBytes != DriveIdentity().longBlockBytes) {
+                text += " long-block=" + std::to_string(id.longBlockBytes);
+            }
+            text += "\n";
         }
         for (int n = 0; n < kLogicalDrivesPerController; n++) {
             const LogicalDriveConfig &ld = controller.logicalDrives[n];

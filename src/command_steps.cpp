@@ -52,6 +52,15 @@ int readAddressArgument(const char *module, int line, char *text, uint32_t *lba)
     return 1;
 }
 
+int refusesInterface(const char *module, int line, uint8_t controllerNo, uint8_t driveNo, uint32_t *interfaceType,
+                     uint32_t refusedType) {
+    if (getHddType(controllerNo, driveNo, interfaceType) != 1 || *interfaceType != refusedType) {
+        return 0;
+    }
+    KelPthErr0024(module, line, refusedType == kInterfaceSata ? "SATA" : "SAS");
+    return 1;
+}
+
 void showControllerNo(int controllerNo) {
     printf("RAID Controller No.%d\n", controllerNo);
     traceLine("## RAID Controller No.%d", controllerNo);

@@ -227,9 +227,8 @@ int32_t KelFixAnyPassThrough() {
             if (readPhysicalDriveLine(KEL_HERE, line, &request) == 0) {
                 return 0;
             }
-            if (getHddType(request.controllerNo, request.driveNo, &request.interfaceType) == 1 &&
-                request.interfaceType == kInterfaceSata) {
-                KelPthErr0024(KEL_HERE, "SATA");
+            if (refusesInterface(KEL_HERE, request.controllerNo, request.driveNo, &request.interfaceType,
+                                 kInterfaceSata)) {
                 return 0;
             }
             break;

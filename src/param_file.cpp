@@ -79,6 +79,14 @@ int reportIncompleteFile(const char *module, int line, int32_t argNo) {
     return 0;
 }
 
+int reportBadParameterLine(const char *module, int line, int valueNo) {
+    char detail[256] = {};
+    snprintf(detail, sizeof detail, "%s(%d)", "Parameter", valueNo);
+    KelPthErr0022(module, line, detail);
+    KelPthErr0002(module, line);
+    return 0;
+}
+
 namespace {
 
 void traceEntry(const LineRules &rules) {

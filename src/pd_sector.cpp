@@ -107,8 +107,7 @@ int32_t KelPDOneSectorReadDump() {
     }
     showControllerNo(request.controllerNo);
     showPhysicalDriveNo(request.driveNo);
-    if (isSataDrive(&request)) {
-        KelPthErr0024(KEL_HERE, "SATA");
+    if (refusesInterface(KEL_HERE, request.controllerNo, request.driveNo, &request.interfaceType, kInterfaceSata)) {
         return 0;
     }
     showLogicalBlockAddress(lba, "\n");

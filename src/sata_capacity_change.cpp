@@ -76,9 +76,7 @@ int32_t KelPDHDDCapaChange_SATA() {
         return 0;
     }
     uint32_t interfaceType = kInterfaceSata;
-    if (getHddType(target.controllerNo, target.driveNo, &interfaceType) == 1 && interfaceType == kInterfaceSas) {
-        KelPthErr0024(KEL_HERE, "SAS");
-        KelPthErr0002(KEL_HERE);
+    if (refusesInterface(KEL_HERE, target.controllerNo, target.driveNo, &interfaceType, kInterfaceSas)) {
         return 0;
     }
     printf("Capacity : 0x%012llX\n\n", static_cast<unsigned long long>(capacity));

@@ -87,9 +87,8 @@ int32_t KelFreAnyPassThrough_SATA() {
                 return 0;
             }
             // A drive of unknown type is given the benefit of the doubt.
-            if (getHddType(request.controllerNo, request.driveNo, &request.interfaceType) == 1 &&
-                request.interfaceType == kInterfaceSas) {
-                KelPthErr0024(KEL_HERE, "SAS");
+            if (refusesInterface(KEL_HERE, request.controllerNo, request.driveNo, &request.interfaceType,
+                                 kInterfaceSas)) {
                 return 0;
             }
             break;

@@ -48,12 +48,7 @@ int readAddress48(char *text, uint64_t *lba) {
 // These commands only go to SATA drives; a drive known to be SAS is refused.
 int refuseSasDrive(const PassThroughRequest &request) {
     uint32_t interfaceType = request.interfaceType;
-    if (getHddType(request.controllerNo, request.driveNo, &interfaceType) == 1 && interfaceType == kInterfaceSas) {
-        KelPthErr0024(KEL_HERE, "SAS");
-        KelPthErr0002(KEL_HERE);
-        return 1;
-    }
-    return 0;
+    return refusesInterface(KEL_HERE, request.controllerNo, request.driveNo, &interfaceType, kInterfaceSas);
 }
 
 // READ or WRITE SECTOR(S) EXT of one sector at lba; protocol and direction bits by the caller.

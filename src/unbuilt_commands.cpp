@@ -14,12 +14,6 @@ namespace {
     return 0;
 }
 
-[[maybe_unused]] int32_t unbuiltSataCommand(const char *name) {
-    traceCall(name);
-    KelPthErr0024("KelPthCmd_SATA", __LINE__, "SATA");
-    KelPthErr0002("KelPthCmd_SATA", __LINE__);
-    return 0;
-}
 } // namespace
 
 // L: log-sense report.
@@ -30,28 +24,7 @@ int32_t KelPrintLogsense() {
 int32_t KelFirmwareUpdate() {
     return unbuiltMainCommand("KelFirmwareUpdate");
 }
-// E: media error set.
-int32_t KelPDHDDMediaErrorSet() {
-    return unbuiltMainCommand("KelPDHDDMediaErrorSet");
-}
-// N: error injection.
-int32_t KelPDHDDErrorInjectionSet() {
-    return unbuiltMainCommand("KelPDHDDErrorInjectionSet");
-}
 // PDPrintModePage: mode page print.
 int32_t KelPDPrintModePage() {
     return unbuiltMainCommand("KelPDPrintModePage");
-}
-// N5: error injection, second form.
-int32_t KelPDHDDErrorInjectionSet5() {
-    return unbuiltMainCommand("KelPDHDDErrorInjectionSet5");
-}
-
-// e: SATA media error set.
-int32_t KelPDHDDMediaErrorSet_SATA() {
-    return unbuiltSataCommand("KelPDHDDMediaErrorSet_SATA");
-}
-// A: SATA error injection.
-int32_t KelPDHDDErrorInjectionSet_SATA() {
-    return unbuiltSataCommand("KelPDHDDErrorInjectionSet_SATA");
 }

@@ -39,6 +39,16 @@ bool scanHexNumber(const char *text, size_t maxDigits) {
     return true;
 }
 
+bool scanDecimalNumber(const char *text, size_t maxDigits) {
+    size_t length = 0;
+    for (; text[length] != '\0'; length++) {
+        if (length >= maxDigits || !isdigit(static_cast<unsigned char>(text[length]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
 namespace {
 template <typename T, typename Convert>
 bool convertWith(const char *text, int base, ConvertRules rules, T low, T high, Convert convert, T *out) {

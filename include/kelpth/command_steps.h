@@ -29,6 +29,12 @@ int readDriveTarget(const char *module, int line, char *controllerText, char *dr
 // A bad value reports KEL0022 "Address" and KEL0002 and returns 0.
 int readAddressArgument(const char *module, int line, char *text, uint32_t *lba);
 
+// Learns a physical drive's interface with getHddType (into *interfaceType). A drive
+// known to be of the refused type (kInterfaceSas or kInterfaceSata) is reported with
+// KEL0024 alone, naming its interface, and gives 1; any other answer gives 0.
+int refusesInterface(const char *module, int line, uint8_t controllerNo, uint8_t driveNo, uint32_t *interfaceType,
+                     uint32_t refusedType);
+
 // Progress lines, each printed on the screen and traced in its "## " form:
 // "RAID Controller No.%d", "Physical Drive No.%d", "Logical Drive No.%d".
 void showControllerNo(int controllerNo);

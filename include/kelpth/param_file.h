@@ -66,6 +66,9 @@ void showParamFileName(const char *path);
 // The file ended before its last required line: KEL0014 with argNo, KEL0002; gives 0.
 int reportIncompleteFile(const char *module, int line, int32_t argNo);
 
+// A numbered value line that is bad: KEL0022 with "Parameter(<valueNo>)", KEL0002; gives 0.
+int reportBadParameterLine(const char *module, int line, int valueNo);
+
 // Each check below cuts the line end of a value (byte strings count it instead), and on
 // a bad value reports KEL0022 with the label and KEL0002 and gives 0; otherwise it
 // stores the value and gives 1.

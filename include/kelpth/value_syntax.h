@@ -22,6 +22,9 @@ bool isOneDecimalDigit(const char *text);
 // The character after a "0x" must be a hex digit ("0x" alone fails); an empty text passes.
 bool scanHexNumber(const char *text, size_t maxDigits);
 
+// Decimal digits up to the end, at most maxDigits of them; an empty text passes.
+bool scanDecimalNumber(const char *text, size_t maxDigits);
+
 // strtol/strtoul/strtoull with kelpth's failure tests: the extreme value with ERANGE,
 // 0 with errno set, and (checkEnd) text left after the number.
 bool convertLong(const char *text, int base, ConvertRules rules, long *out);

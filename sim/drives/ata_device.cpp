@@ -145,6 +145,10 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
     nativeMaxJustRead_ = false;
     const Request request{registers, phase, data, length};
     AtaCompletion completion;
+    if (injectedError(registers, &completion)) {
+        completion.device = registers.device;
+        return completion;
+    }
     switch (registers.command) {
     case 0xEC:
         completion = identify(request);
@@ -199,6 +203,9 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
         break;
     case 0x45:
         completion = writeUncorrectable(request);
+        break;
+    case ata::kCommandWriteLong:
+        completion = writeLong(request);
         break;
     case 0xFE:
         completion = vendorErrorInjection(request);

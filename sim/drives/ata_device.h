@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace kelsim {
 
@@ -24,8 +25,12 @@ struct AtaCommandBlock {
 enum class AtaDataPhase { None, In, Out }; // In: from the device to the host
 
 namespace ata {
+// A legacy long sector (READ LONG / WRITE LONG): the data and this many ECC bytes.
+constexpr uint32_t kLongSectorEccBytes = 4;
+constexpr uint8_t kCommandWriteLong = 0x32;
 constexpr uint8_t kStatusError = 0x01, kStatusSeekComplete = 0x10, kStatusReady = 0x40;
 constexpr uint8_t kErrorAbort = 0x04, kErrorIdNotFound = 0x10, kErrorUncorrectable = 0x40;
+constexpr uint8_t kErrorAddressMarkNotFound = 0x01, kErrorInterfaceCrc = 0x80;
 } // namespace ata
 
 // What the device leaves in its registers when the command completes.
@@ -36,6 +41,7 @@ struct AtaCompletion {
     uint64_t lba = 0;
     uint8_t device = 0;
     uint32_t transferred = 0; // bytes moved in the data phase
+    bool timedOut = false;    // the command never completes: the host gives up waiting
     bool failed() const { return (status & ata::kStatusError) != 0; }
 };
 
@@ -64,7 +70,12 @@ class AtaDevice {
     AtaCompletion writeSectors(const Request &request, bool extended);
     AtaCompletion readVerify(const Request &request, bool extended);
     AtaCompletion writeUncorrectable(const Request &request);
+    AtaCompletion writeLong(const Request &request);
     AtaCompletion vendorErrorInjection(const Request &request);
+    // The vendor error injection at work (ata_error_injection.cpp): a read, write or
+    // verify that the stored structure says must fail, counted against it.
+    bool injectedError(const AtaCommandBlock &registers, AtaCompletion *completion);
+    void injectionStructureChanged();
     // SMART and logs (ata_smart_log.cpp).
     AtaCompletion smart(const Request &request);
     AtaCompletion readLog(const Request &request);
@@ -92,5 +103,7 @@ uint64_t sataUncorrectableCount(DriveSettings &settings);
 uint64_t sataUserBlocks(const DriveIdentity &identity, DriveSettings &settings);
 // The last sector the vendor error-injection command (0xFE) received, if any.
 bool sataErrorInjectionData(DriveSettings &settings, AtaSector *out);
+// That structure as the drive reads it, in words ("" when injection is off).
+std::string sataInjectionSummary(DriveSettings &settings);
 
 } // namespace kelsim

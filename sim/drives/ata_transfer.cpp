@@ -1,6 +1,8 @@
 // The ATA device's data transfer: READ and WRITE SECTOR(S)/DMA (28- and 48-bit), READ
-// VERIFY SECTOR(S), WRITE UNCORRECTABLE EXT and the vendor error-injection command.
+// VERIFY SECTOR(S), WRITE UNCORRECTABLE EXT, the legacy WRITE LONG and the vendor
+// error-injection command.
 #include "ata_device_internal.h"
+#include "byte_order.h"
 #include "text_fields.h"
 
 #include <algorithm>
@@ -85,6 +87,33 @@ AtaCompletion AtaDevice::writeUncorrectable(const Request &request) {
     return completed();
 }
 
+// Legacy WRITE LONG: one sector and its ECC bytes, written as given. ECC bytes that are not
+// what the drive computes for the data leave the sector unreadable until it is written
+// again. Drives that have WRITE UNCORRECTABLE EXT no longer take it.
+AtaCompletion AtaDevice::writeLong(const Request &request) {
+    constexpr uint32_t kLongSector = kBlockSize + ata::kLongSectorEccBytes;
+    if (identity_.writeUncorrectableSupported ||
+        !phaseMatches(request.phase, request.data, request.length, AtaDataPhase::Out, kLongSector)) {
+        return aborted();
+    }
+    const uint64_t lba = request.registers.lba;
+    if (lba >= userBlocks()) {
+        return failed(ata::kErrorIdNotFound, lba);
+    }
+    medium_.write(lba, 1, request.data);
+    // The drive's ECC stand-in: a 32-bit polynomial checksum of the data.
+    uint32_t checksum = 0;
+    for (uint32_t i = 0; i < kBlockSize; ++i) {
+        checksum = checksum * 31 + request.data[i];
+    }
+    if (getBe(request.data + kBlockSize, ata::kLongSectorEccBytes) != checksum) {
+        markUncorrectable(settings_, BlockRange{lba, 1});
+    } else {
+        clearSataUncorrectable(settings_, lba, 1);
+    }
+    return completed(kLongSector);
+}
+
 AtaCompletion AtaDevice::vendorErrorInjection(const Request &request) {
     if (identity_.product.compare(0, kErrorInjectionProduct.size(), kErrorInjectionProduct) != 0) {
         return aborted();
@@ -94,6 +123,7 @@ AtaCompletion AtaDevice::vendorErrorInjection(const Request &request) {
         return aborted();
     }
     settings_.set(kErrorInjectionKey, toHex(request.data, kBlockSize));
+    injectionStructureChanged();
     return completed(kBlockSize);
 }
 

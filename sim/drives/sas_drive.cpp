@@ -28,19 +28,6 @@ uint64_t fnv1a64(const std::string &text, uint64_t hash) {
 
 // ---- sense helpers local to the drive ----
 
-void setInformation(ScsiResult *result, uint32_t information) {
-    result->sense[0] |= 0x80; // VALID: the information field means something
-    putBe(&result->sense[3], 4, information);
-}
-
-ScsiResult mediumError(uint64_t lba) {
-    ScsiResult result = checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
-    if (lba <= 0xFFFFFFFFULL) {
-        setInformation(&result, static_cast<uint32_t>(lba));
-    }
-    return result;
-}
-
 ScsiResult lbaOutOfRange() {
     return checkCondition(sense::kIllegalRequest, sense::kAscLbaOutOfRange, 0);
 }
@@ -132,6 +119,9 @@ ScsiResult SasDrive::dispatch(const ScsiCommand &command) {
     }
     if (entry->needsSpinningMedium && stopped()) {
         return checkCondition(sense::kNotReady, kAscNotReady, kAscqInitializingCommandRequired);
+    }
+    if (ScsiResult injected; injectedError(cdb.data(), &injected)) {
+        return injected;
     }
     return (this->*entry->handler)(Request{cdb.data(), command});
 }

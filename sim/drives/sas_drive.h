@@ -4,6 +4,7 @@
 #include "device.h"
 
 #include <memory>
+#include <string>
 
 namespace kelsim {
 
@@ -20,7 +21,9 @@ std::string sasDriveRevision(const DriveIdentity &identity, DriveSettings &setti
 bool sasBlockHasMediaError(DriveSettings &settings, uint64_t lba);
 // The first unreadable block in [lba, lba + count), if any.
 bool sasFirstMediaError(DriveSettings &settings, uint64_t lba, uint64_t count, uint64_t *badLba);
-// For writes that reach the medium without the drive (a RAID volume writing a member).
+// What a normal write does to the marks of the blocks it writes.
 void sasClearMediaErrors(DriveSettings &settings, uint64_t lba, uint64_t count);
+// The vendor error injection page 0x22 as the drive reads it, in words ("" when off).
+std::string sasInjectionSummary(DriveSettings &settings);
 
 } // namespace kelsim

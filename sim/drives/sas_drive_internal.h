@@ -14,9 +14,7 @@
 namespace kelsim {
 namespace sas {
 
-constexpr uint32_t kCheckBytes = 8;                           // per block, behind the data in a long block
-constexpr uint32_t kLongBlockSize = kBlockSize + kCheckBytes; // what READ LONG / WRITE LONG move
-constexpr uint32_t kDataBufferSize = 0x10000;                 // WRITE BUFFER / READ BUFFER mode 2
+constexpr uint32_t kDataBufferSize = 0x10000; // WRITE BUFFER / READ BUFFER mode 2
 constexpr uint32_t kMaxMicrocodeSize = 0x100000;
 constexpr uint32_t kBounceBlocks = 128; // blocks per medium access for commands that walk a range
 
@@ -38,10 +36,6 @@ uint64_t fnv1a64(const std::string &text, uint64_t hash = 0xCBF29CE484222325ULL)
 
 // ---- sense helpers local to the drive (sas_drive.cpp) ----
 
-// Sets VALID and the information field.
-void setInformation(ScsiResult *result, uint32_t information);
-// UNRECOVERED READ ERROR naming the block (in the information field when it fits).
-ScsiResult mediumError(uint64_t lba);
 ScsiResult lbaOutOfRange();
 // The parameter list's byte at this index is wrong (C/D = 0: not a CDB byte).
 ScsiResult invalidFieldInParameterList(size_t byteIndex, int bitIndex = -1);
@@ -92,6 +86,13 @@ class SasDrive : public ScsiTarget {
     uint64_t currentBlocks() { return sasDriveBlocks(identity_, settings_); }
     bool stopped();
 
+    // ---- vendor error injection (sas_error_injection.cpp) ----
+
+    // A block command that page 0x22 says must fail: its sense, counted against the page.
+    bool injectedError(const uint8_t *cdb, ScsiResult *result);
+    // A new page 0x22 starts its count of failed commands again.
+    void injectionPageChanged();
+
     // ---- identity and state (sas_identity.cpp) ----
 
     ScsiResult testUnitReady(const Request &) { return ScsiResult{}; }
@@ -122,12 +123,14 @@ class SasDrive : public ScsiTarget {
     ScsiResult modeSelect10(const Request &request);
 
     std::vector<uint8_t> loadModePage(const ModePageDefinition &definition, int pageControl);
+    // The current vendor error-injection page 0x22 (page code first).
+    std::vector<uint8_t> currentInjectionPage();
     void storeModePage(const ModePageDefinition &definition, const std::vector<uint8_t> &page, bool save);
     bool collectModePages(uint8_t pageCode, int pageControl, std::vector<uint8_t> *pages);
     void blockDescriptor(int pageControl, bool longLba, std::vector<uint8_t> *out);
     ScsiResult modeSense(const Request &request, bool tenByte);
     ScsiResult applyModeParameters(const uint8_t *list, size_t length, size_t headerLength,
-                                   size_t blockDescriptorLength, bool longLba, bool save);
+                                   size_t blockDescriptorLength, bool longLba, bool save, bool pageFormat);
 
     // ---- log pages (sas_log_pages.cpp) ----
 

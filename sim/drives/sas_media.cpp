@@ -13,10 +13,16 @@ namespace kelsim {
 namespace sas {
 namespace {
 
-// The check bytes the drive keeps behind each block's data.
-std::array<uint8_t, kCheckBytes> checkBytesOf(const uint8_t *block) {
-    std::array<uint8_t, kCheckBytes> check{};
-    putBe(check.data(), kCheckBytes, fnv1a64(block, kBlockSize));
+// The check bytes the drive keeps behind each block's data: 8 bytes of hash at a time,
+// each hash seeded with the one before.
+std::vector<uint8_t> checkBytesOf(const uint8_t *block, uint32_t count) {
+    std::vector<uint8_t> check(count + 8);
+    uint64_t hash = fnv1a64(block, kBlockSize);
+    for (uint32_t at = 0; at < count; at += 8) {
+        putBe(&check[at], 8, hash);
+        hash = fnv1a64(block, kBlockSize, hash);
+    }
+    check.resize(count);
     return check;
 }
 
@@ -57,11 +63,12 @@ void markMediaError(DriveSettings &settings, uint64_t lba) {
 }
 
 // A long-block command whose byte count is not the long block size: the information field
-// holds the requested count minus the real one, and ILI says the length was wrong.
-ScsiResult wrongLongLength(uint32_t requested, uint16_t lengthByte) {
+// holds the requested count minus the real one (negative when too short), and ILI says the
+// length was wrong.
+ScsiResult wrongLongLength(uint32_t requested, uint32_t longBlock, uint16_t lengthByte) {
     ScsiResult result = invalidFieldInCdb(lengthByte);
     result.sense[2] |= 0x20;
-    setInformation(&result, static_cast<uint32_t>(requested - kLongBlockSize));
+    setInformation(&result, static_cast<uint32_t>(requested - longBlock));
     return result;
 }
 
@@ -72,6 +79,7 @@ ScsiResult SasDrive::readLong(const Request &request) {
     if (cdb[1] & 0x04) {
         return invalidFieldInCdb(1, 2); // PBLOCK: logical and physical blocks are the same
     }
+    const bool correct = (cdb[1] & 0x02) != 0; // CORRCT: give the data even when it is bad
     uint64_t lba = getBe(&cdb[2], 4);
     uint32_t length = static_cast<uint32_t>(getBe(&cdb[7], 2));
     if (!inRange(lba, 1)) {
@@ -80,13 +88,18 @@ ScsiResult SasDrive::readLong(const Request &request) {
     if (length == 0) {
         return ScsiResult{};
     }
-    if (length != kLongBlockSize) {
-        return wrongLongLength(length, 7);
+    const uint32_t longBlockBytes = identity_.longBlockBytes;
+    if (length != longBlockBytes) {
+        return wrongLongLength(length, longBlockBytes, 7);
     }
-    std::vector<uint8_t> longBlock(kLongBlockSize);
+    const bool bad = sasBlockHasMediaError(settings_, lba);
+    if (bad && !correct) {
+        return mediumError(lba);
+    }
+    std::vector<uint8_t> longBlock(longBlockBytes);
     medium_.read(lba, 1, longBlock.data());
-    std::array<uint8_t, kCheckBytes> check = checkBytesOf(longBlock.data());
-    if (sasBlockHasMediaError(settings_, lba)) {
+    std::vector<uint8_t> check = checkBytesOf(longBlock.data(), longBlockBytes - kBlockSize);
+    if (bad) {
         for (uint8_t &byte : check) {
             byte = static_cast<uint8_t>(~byte); // what WRITE LONG left no longer matches the data
         }
@@ -114,15 +127,15 @@ ScsiResult SasDrive::writeLong(const Request &request) {
     if (length == 0) {
         return ScsiResult{};
     }
-    if (length != kLongBlockSize) {
-        return wrongLongLength(length, 7);
+    if (length != identity_.longBlockBytes) {
+        return wrongLongLength(length, identity_.longBlockBytes, 7);
     }
     const uint8_t *longBlock = hostData(request.command, length);
     if (longBlock == nullptr) {
         return invalidFieldInCdb(7);
     }
     medium_.write(lba, 1, longBlock);
-    std::array<uint8_t, kCheckBytes> check = checkBytesOf(longBlock);
+    std::vector<uint8_t> check = checkBytesOf(longBlock, length - kBlockSize);
     bool consistent = std::equal(check.begin(), check.end(), longBlock + kBlockSize);
     if (consistent && !correctionDisabled) {
         sasClearMediaErrors(settings_, lba, 1);

@@ -20,6 +20,7 @@ struct ModePageDefinition {
 namespace {
 
 enum PageControl { kCurrent = 0, kChangeable = 1, kDefault = 2, kSaved = 3 };
+constexpr uint8_t kInjectionPage = 0x22; // vendor error injection: sas_error_injection.cpp
 
 // Ascending page code order, which is also the order of "all pages".
 const std::vector<ModePageDefinition> &modePages() {
@@ -42,7 +43,7 @@ const std::vector<ModePageDefinition> &modePages() {
          {0x00, 0x00, 0x02, 0xF0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00},
          0},
         // Vendor error injection: 28 bytes (or the 32-byte form), every bit the host's.
-        {0x22, std::vector<uint8_t>(0x1C + 2, 0x00), {}, 0x20},
+        {kInjectionPage, std::vector<uint8_t>(0x1C + 2, 0x00), {}, 0x20},
     };
     return kPages;
 }
@@ -112,7 +113,14 @@ std::vector<uint8_t> SasDrive::loadModePage(const ModePageDefinition &definition
     return page;
 }
 
+std::vector<uint8_t> SasDrive::currentInjectionPage() {
+    return loadModePage(*findModePage(kInjectionPage), kCurrent);
+}
+
 void SasDrive::storeModePage(const ModePageDefinition &definition, const std::vector<uint8_t> &page, bool save) {
+    if (definition.code == kInjectionPage) {
+        injectionPageChanged();
+    }
     std::string text = toHex(page.data(), page.size());
     settings_.set(modePageKey(definition.code, "current"), text);
     if (save) {
@@ -213,7 +221,7 @@ ScsiResult SasDrive::modeSelect6(const Request &request) {
     if (length < 4) {
         return parameterListLengthError();
     }
-    ScsiResult result = applyModeParameters(list, length, 4, list[3], false, cdb[1] & 0x01);
+    ScsiResult result = applyModeParameters(list, length, 4, list[3], false, cdb[1] & 0x01, cdb[1] & 0x10);
     result.transferred = result.checkCondition ? 0 : length;
     return result;
 }
@@ -231,14 +239,15 @@ ScsiResult SasDrive::modeSelect10(const Request &request) {
     if (length < 8) {
         return parameterListLengthError();
     }
-    ScsiResult result = applyModeParameters(list, length, 8, getBe(&list[6], 2), list[4] & 0x01, cdb[1] & 0x01);
+    ScsiResult result =
+        applyModeParameters(list, length, 8, getBe(&list[6], 2), list[4] & 0x01, cdb[1] & 0x01, cdb[1] & 0x10);
     result.transferred = result.checkCondition ? 0 : length;
     return result;
 }
 
 // Checks the whole parameter list before anything changes, then applies it.
 ScsiResult SasDrive::applyModeParameters(const uint8_t *list, size_t length, size_t headerLength,
-                                         size_t blockDescriptorLength, bool longLba, bool save) {
+                                         size_t blockDescriptorLength, bool longLba, bool save, bool pageFormat) {
     size_t descriptorLengthByte = headerLength == 4 ? 3 : 7;
     size_t expectedDescriptor = longLba ? 16 : 8;
     if (blockDescriptorLength != 0 && blockDescriptorLength != expectedDescriptor) {
@@ -284,6 +293,9 @@ ScsiResult SasDrive::applyModeParameters(const uint8_t *list, size_t length, siz
         }
         if (!pageLengthAccepted(*definition, page[1])) {
             return invalidFieldInParameterList(offset + 1);
+        }
+        if (definition->code == kInjectionPage && !pageFormat) {
+            return invalidFieldInParameterList(offset); // a vendor page needs PF
         }
         size_t size = size_t{page[1]} + 2;
         if (offset + size > length) {

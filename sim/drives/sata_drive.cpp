@@ -12,6 +12,7 @@ namespace {
 
 constexpr uint8_t kAtaPassThrough16 = 0x85, kAtaPassThrough12 = 0xA1;
 constexpr uint8_t kAscqAtaPassThroughInformation = 0x1D; // with ASC 0x00
+constexpr uint8_t kStatusDeviceFault = 0x20;
 
 // The protocols this layer carries out (byte 1 bits 4..1).
 enum Protocol : uint8_t {
@@ -178,7 +179,10 @@ class SataDrive : public ScsiTarget {
             *refusal = invalidFieldInCdb(kFlagsByte, kLengthFieldBit);
             return false;
         }
-        const uint64_t bytes = pass.lengthInBlocks ? uint64_t{units} * kBlockSize : units;
+        // A legacy WRITE LONG's block is the long sector: the data and its ECC bytes.
+        const uint64_t unit =
+            pass.registers.command == ata::kCommandWriteLong ? kBlockSize + ata::kLongSectorEccBytes : kBlockSize;
+        const uint64_t bytes = pass.lengthInBlocks ? uint64_t{units} * unit : units;
         if (bytes == 0 || bytes != command.dataLength || command.data == nullptr) {
             *refusal = invalidFieldInCdb(lengthByte);
             return false;
@@ -193,8 +197,12 @@ class SataDrive : public ScsiTarget {
 
     static ScsiResult translateCompletion(const PassThrough &pass, const AtaCompletion &completion) {
         ScsiResult result;
+        if (completion.timedOut) {
+            result.timedOut = true;
+            return result;
+        }
         if (completion.failed()) {
-            result = senseForError(completion.error);
+            result = senseForError(completion.status, completion.error);
             putRegisters(pass, completion, &result);
         } else if (pass.checkCondition) {
             result = checkCondition(sense::kRecoveredError, 0x00, kAscqAtaPassThroughInformation);
@@ -204,12 +212,21 @@ class SataDrive : public ScsiTarget {
         return result;
     }
 
-    static ScsiResult senseForError(uint8_t error) {
+    static ScsiResult senseForError(uint8_t status, uint8_t error) {
+        if (status & kStatusDeviceFault) {
+            return checkCondition(sense::kHardwareError, 0x44, 0x00); // internal target failure
+        }
         if (error & ata::kErrorUncorrectable) {
             return checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
         }
         if (error & ata::kErrorIdNotFound) {
             return checkCondition(sense::kIllegalRequest, sense::kAscLbaOutOfRange, 0);
+        }
+        if (error & ata::kErrorAddressMarkNotFound) {
+            return checkCondition(sense::kMediumError, 0x13, 0x00); // address mark not found for data field
+        }
+        if (error & ata::kErrorInterfaceCrc) {
+            return checkCondition(sense::kAbortedCommand, 0x47, 0x00); // interface CRC error
         }
         return checkCondition(sense::kAbortedCommand, 0x00, 0x00);
     }

@@ -30,6 +30,13 @@ void FarmTest::SetUp() {
 }
 
 void FarmTest::TearDown() {
+    // Whatever a test did through kelpth, the volumes' mirrors and parity still agree,
+    // unless the test broke them on purpose.
+    if (checkVolumesAtEnd && !HasFailure() && access(stateDir.c_str(), F_OK) == 0 &&
+        access((stateDir + "/farm.conf").c_str(), F_OK) == 0) {
+        RunResult check = kelsim({"check"});
+        EXPECT_EQ(check.exitStatus, 0) << check.out << check.err;
+    }
     if (!workDir.empty() && !HasFailure()) {
         std::string command = "rm -rf '" + workDir + "'";
         (void)system(command.c_str());
@@ -156,4 +163,36 @@ int patternRows(const std::string &dump) {
         rows++;
     }
     return rows;
+}
+
+// A parameter file from its value lines, each preceded by a comment line.
+std::string paramFile(const std::vector<std::string> &values) {
+    std::string text;
+    for (size_t i = 0; i < values.size(); i++) {
+        text += "// value " + std::to_string(i + 1) + "\n" + values[i] + "\n";
+    }
+    return text;
+}
+
+std::vector<std::string> lines(const std::string &text) {
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        result.push_back(line);
+    }
+    return result;
+}
+
+std::string journalCall(const std::string &line) {
+    const size_t name = line.find(' ') + 1;
+    return line.substr(name, line.find(" len=") - name);
+}
+
+std::string journalField(const std::string &line, const std::string &field) {
+    const size_t at = line.find(" " + field + "=");
+    if (at == std::string::npos) {
+        return "";
+    }
+    const size_t start = at + field.size() + 2;
+    return line.substr(start, line.find(' ', start) - start);
 }

@@ -43,11 +43,19 @@ class FarmTest : public ::testing::Test {
     // is one of the build's dependencies: a missing one fails the test, never skips it.
     void expectSoundDatabase(const std::string &folder = "");
 
-    std::string workDir;  // the current directory of every run
-    std::string stateDir; // KELSIM_DIR of every run
+    bool checkVolumesAtEnd = true; // "kelsim check" must pass when the test ends
+    std::string workDir;           // the current directory of every run
+    std::string stateDir;          // KELSIM_DIR of every run
 };
 
 // "5A 5A ..." style check helpers.
 std::string repeatByte(const std::string &hexByte, int count);
 // Rows of a data dump that show the written pattern 0x5A.
 int patternRows(const std::string &dump);
+
+// A parameter file from its value lines, each preceded by a comment line.
+std::string paramFile(const std::vector<std::string> &values);
+std::vector<std::string> lines(const std::string &text);
+// Of a journal line: from the function name to the end of the CDB; one field's value.
+std::string journalCall(const std::string &line);
+std::string journalField(const std::string &line, const std::string &field);

@@ -38,6 +38,7 @@ class StateSafety : public FarmTest {
 };
 
 TEST_F(StateSafety, RunsAtTheSameTimeAllLand) {
+    checkVolumesAtEnd = false; // writes a volume member behind the volume
     // Every thread writes its own blocks: slots, and a RAID 1 volume whose members are
     // slots 0 and 1 at other addresses.
     const std::vector<std::vector<std::string>> writers = {
@@ -99,6 +100,7 @@ TEST_F(StateSafety, RunKilledAtEachFailpointLeavesTheStateAsBefore) {
 }
 
 TEST_F(StateSafety, RunsLeaveNoLogThatGrowsWithTheirNumber) {
+    checkVolumesAtEnd = false; // the sector written below sits on a mirror member
     // A farm left in WAL mode by an earlier version is switched over by the next run.
     const RunResult toWal = run({"/usr/bin/sqlite3", stateDir + "/state.db", "PRAGMA journal_mode=WAL"});
     ASSERT_EQ(kelpth({"PDOneSectorWrite", "0", "0", "0x10"}).exitStatus, 0);

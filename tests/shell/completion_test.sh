@@ -65,7 +65,7 @@ mkdir -p other-libs && touch other-libs/libkelctl.so
 expect "other library" "" "$(LD_LIBRARY_PATH=$work/other-libs complete_words _kelpth kelpth PDOneSectorRead '')"
 
 # kelsim: every kind offered is one kelsim accepts.
-expect "kelsim commands" "fault" "$(complete_words _kelsim kelsim fa)"
+expect "kelsim commands" "fault" "$(complete_words _kelsim kelsim fau)"
 usage_commands=$(kelsim help 2>&1 | awk '/^  [a-z]/ { print $1 }' | sort -u)
 for command in $usage_commands; do
     expect "kelsim offers $command" "$command" "$(complete_words _kelsim kelsim "$command" | tr ' ' '\n' | grep -x "$command")"

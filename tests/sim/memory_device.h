@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,50 @@ class MemoryMedium : public Medium {
         return found != blocks.end() ? found->second[0] : 0;
     }
     std::map<uint64_t, std::vector<uint8_t>> blocks;
+};
+
+// A member disk for volume tests: READ(16) and WRITE(16) over a MemoryMedium. A read that
+// meets a block in `bad` gives the blocks before it and MEDIUM ERROR; a write makes the
+// blocks good again; a stopped disk answers NOT READY. Counts the commands it gets.
+class MemoryDisk : public ScsiTarget {
+  public:
+    ScsiResult execute(const ScsiCommand &command) override {
+        commands++;
+        if (stopped) {
+            return checkCondition(sense::kNotReady, 0x04, 0x02);
+        }
+        uint64_t lba = 0;
+        uint32_t count = 0;
+        for (int i = 0; i < 8; i++) {
+            lba = lba << 8 | command.cdb[2 + i];
+        }
+        for (int i = 0; i < 4; i++) {
+            count = count << 8 | command.cdb[10 + i];
+        }
+        ScsiResult result;
+        if (command.cdb[0] == 0x8A) {
+            medium.write(lba, count, command.data);
+            for (uint32_t i = 0; i < count; i++) {
+                bad.erase(lba + i);
+            }
+            result.transferred = count * kBlockSize;
+            return result;
+        }
+        uint32_t good = 0;
+        while (good < count && bad.count(lba + good) == 0) {
+            good++;
+        }
+        medium.read(lba, good, command.data);
+        if (good < count) {
+            result = checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
+        }
+        result.transferred = good * kBlockSize;
+        return result;
+    }
+    MemoryMedium medium;
+    std::set<uint64_t> bad;
+    bool stopped = false;
+    int commands = 0;
 };
 
 class MemorySettings : public DriveSettings {

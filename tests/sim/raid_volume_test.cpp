@@ -13,35 +13,19 @@
 namespace kelsim {
 namespace {
 
-class MarkedBlocks : public MemberMediaErrors {
-  public:
-    bool anyBad(uint64_t lba, uint32_t count) override {
-        for (uint64_t b : bad) {
-            if (b >= lba && b < lba + count) {
-                return true;
-            }
-        }
-        return false;
-    }
-    void cleared(uint64_t lba, uint32_t count) override {
-        for (uint64_t b = lba; b < lba + count; b++) {
-            bad.erase(b);
-        }
-    }
-    std::set<uint64_t> bad;
-};
-
 struct Array {
     Array(RaidLevel level, int members, uint64_t blocks = 1 << 20, uint32_t strip = 128)
-        : media(static_cast<size_t>(members)), marks(static_cast<size_t>(members)) {
+        : disks(static_cast<size_t>(members)) {
         std::vector<VolumeMember> list;
         for (int i = 0; i < members; i++) {
-            list.push_back({&media[static_cast<size_t>(i)], blocks, &marks[static_cast<size_t>(i)]});
+            list.push_back({&disks[static_cast<size_t>(i)], blocks, MemberProtocol::Scsi});
         }
-        volume = std::make_unique<RaidVolume>(level, strip, std::move(list), "TESTLD");
+        volume = std::make_unique<RaidVolume>(level, strip, std::move(list), "TESTLD", &settings);
     }
-    std::vector<MemoryMedium> media;
-    std::vector<MarkedBlocks> marks;
+    MemoryMedium &medium(size_t member) { return disks[member].medium; }
+    std::set<uint64_t> &bad(size_t member) { return disks[member].bad; }
+    std::vector<MemoryDisk> disks;
+    MemorySettings settings;
     std::unique_ptr<RaidVolume> volume;
 };
 
@@ -107,39 +91,50 @@ TEST(RaidLayout, Raid0StripesRoundRobin) {
     writeTagged(*array.volume, 120, 272, 1);       // strips 0 to 3
     // Strip 0 -> member 0 blocks 0..127, strip 1 -> member 1 blocks 0..127, strip 2 -> member 0
     // blocks 128..255, strip 3 -> member 1 blocks 128..
-    EXPECT_EQ(array.media[0].firstByte(120), 1);
-    EXPECT_EQ(array.media[0].firstByte(127), 8);
-    EXPECT_EQ(array.media[1].firstByte(0), 9);
-    EXPECT_EQ(array.media[1].firstByte(127), 136);
-    EXPECT_EQ(array.media[0].firstByte(128), 137);
-    EXPECT_EQ(array.media[0].firstByte(128 + 127), static_cast<uint8_t>(264));
-    EXPECT_EQ(array.media[1].firstByte(128), static_cast<uint8_t>(265));
-    EXPECT_EQ(array.media[1].blocks.count(136), 0u);
+    EXPECT_EQ(array.medium(0).firstByte(120), 1);
+    EXPECT_EQ(array.medium(0).firstByte(127), 8);
+    EXPECT_EQ(array.medium(1).firstByte(0), 9);
+    EXPECT_EQ(array.medium(1).firstByte(127), 136);
+    EXPECT_EQ(array.medium(0).firstByte(128), 137);
+    EXPECT_EQ(array.medium(0).firstByte(128 + 127), static_cast<uint8_t>(264));
+    EXPECT_EQ(array.medium(1).firstByte(128), static_cast<uint8_t>(265));
+    EXPECT_EQ(array.medium(1).blocks.count(136), 0u);
     std::vector<uint8_t> back = readBack(*array.volume, 120, 272);
     for (int i = 0; i < 272; i++) {
         ASSERT_EQ(back[static_cast<size_t>(i) * kBlockSize], static_cast<uint8_t>(1 + i)) << i;
     }
 }
 
-TEST(RaidLayout, Raid1MirrorsAndReadsTheOtherCopyOfABadBlock) {
+TEST(RaidLayout, Raid1MirrorsAndRepairsABadCopyFromTheOther) {
     Array array(RaidLevel::Raid1, 2, 5000);
+    std::vector<MemberRepair> repairs;
+    array.volume->onRepair([&](const MemberRepair &repair) { repairs.push_back(repair); });
     writeTagged(*array.volume, 300, 2, 0x40);
-    for (auto &medium : array.media) {
-        EXPECT_EQ(medium.firstByte(300), 0x40);
-        EXPECT_EQ(medium.firstByte(301), 0x41);
+    for (auto &disk : array.disks) {
+        EXPECT_EQ(disk.medium.firstByte(300), 0x40);
+        EXPECT_EQ(disk.medium.firstByte(301), 0x41);
     }
-    array.marks[0].bad.insert(301);
+    array.bad(0).insert(301);
     ScsiResult result;
     EXPECT_EQ(readBack(*array.volume, 300, 2, &result)[kBlockSize], 0x41);
     EXPECT_FALSE(result.checkCondition);
-    array.marks[1].bad.insert(301);
+    EXPECT_TRUE(array.bad(0).empty()) << "the bad copy was written back";
+    ASSERT_EQ(repairs.size(), 1u);
+    EXPECT_EQ(repairs[0].member, 0);
+    EXPECT_EQ(repairs[0].memberLba, 300u);
+
+    // Both copies bad: the read fails and names the volume block.
+    array.bad(0).insert(301);
+    array.bad(1).insert(301);
     readBack(*array.volume, 300, 2, &result);
     EXPECT_TRUE(result.checkCondition);
     EXPECT_EQ(result.sense[2], sense::kMediumError);
     EXPECT_EQ(result.sense[12], 0x11);
-    // A write replaces the bad copies.
+    EXPECT_EQ(result.sense[0], 0xF0) << "VALID";
+    EXPECT_EQ(result.sense[6], 45) << "volume block 301 = 0x12D";
+    EXPECT_EQ(result.transferred, kBlockSize);
     writeTagged(*array.volume, 301, 1, 0x77);
-    EXPECT_TRUE(array.marks[0].bad.empty() && array.marks[1].bad.empty());
+    EXPECT_TRUE(array.bad(0).empty() && array.bad(1).empty());
 }
 
 TEST(RaidLayout, Raid5RotatesParityLeftSymmetric) {
@@ -157,8 +152,8 @@ TEST(RaidLayout, Raid5RotatesParityLeftSymmetric) {
         EXPECT_EQ(extent.count, 123u);
     }
     writeTagged(*array.volume, 2 * 128 + 7, 1, 0x33); // strip 2: member 2, row 1
-    EXPECT_EQ(array.media[2].firstByte(128 + 7), 0x33);
-    EXPECT_EQ(array.media[1].firstByte(128 + 7), 0x33); // parity of a row with one written block
+    EXPECT_EQ(array.medium(2).firstByte(128 + 7), 0x33);
+    EXPECT_EQ(array.medium(1).firstByte(128 + 7), 0x33); // parity of a row with one written block
 }
 
 TEST(RaidLayout, Raid5ParityIsTheXorOfItsRowAfterOverlappingWrites) {
@@ -171,7 +166,8 @@ TEST(RaidLayout, Raid5ParityIsTheXorOfItsRowAfterOverlappingWrites) {
         uint8_t x = 0;
         std::vector<uint8_t> block(kBlockSize);
         std::vector<uint8_t> sum(kBlockSize, 0);
-        for (auto &medium : array.media) {
+        for (auto &disk : array.disks) {
+            MemoryMedium &medium = disk.medium;
             medium.read(lba, 1, block.data());
             for (size_t i = 0; i < kBlockSize; i++) {
                 sum[i] ^= block[i];
@@ -189,26 +185,99 @@ TEST(RaidLayout, Raid5ParityIsTheXorOfItsRowAfterOverlappingWrites) {
     EXPECT_EQ(back[5 * kBlockSize], 0x80 + 40);
 }
 
-TEST(RaidLayout, Raid5RebuildsABadStripAndRaid0Cannot) {
+TEST(RaidLayout, Raid5RebuildsABadBlockWritesItBackAndRaid0Cannot) {
     Array raid5(RaidLevel::Raid5, 3, 4096, 128);
     writeTagged(*raid5.volume, 130, 4, 0x21);
     StripExtent extent = raid5.volume->locate(131, 1);
-    raid5.marks[static_cast<size_t>(extent.member)].bad.insert(extent.memberLba);
+    const size_t member = static_cast<size_t>(extent.member);
+    raid5.bad(member).insert(extent.memberLba);
     ScsiResult result;
     std::vector<uint8_t> back = readBack(*raid5.volume, 130, 4, &result);
     EXPECT_FALSE(result.checkCondition);
     EXPECT_EQ(back[kBlockSize], 0x22);
-    // Writing over the bad block still keeps parity right (old data rebuilt first).
+    EXPECT_TRUE(raid5.bad(member).empty());
+    EXPECT_EQ(raid5.medium(member).firstByte(extent.memberLba), 0x22) << "written back";
+    // Writing over a bad block still keeps parity right (old data rebuilt first).
+    raid5.bad(member).insert(extent.memberLba);
     writeTagged(*raid5.volume, 131, 1, 0x99);
-    raid5.marks[static_cast<size_t>(extent.member)].bad.insert(extent.memberLba);
+    raid5.bad(member).insert(extent.memberLba);
     EXPECT_EQ(readBack(*raid5.volume, 131, 1)[0], 0x99);
-
-    Array raid0(RaidLevel::Raid0, 2, 4096, 128);
-    writeTagged(*raid0.volume, 0, 1, 0x05);
-    raid0.marks[0].bad.insert(0);
-    readBack(*raid0.volume, 0, 1, &result);
+    // Two bad blocks in one row cannot be rebuilt.
+    raid5.bad(member).insert(extent.memberLba);
+    raid5.bad(static_cast<size_t>(extent.parityMember)).insert(extent.memberLba);
+    readBack(*raid5.volume, 131, 1, &result);
     EXPECT_TRUE(result.checkCondition);
     EXPECT_EQ(result.sense[2], sense::kMediumError);
+
+    Array raid0(RaidLevel::Raid0, 2, 4096, 128);
+    writeTagged(*raid0.volume, 128, 3, 0x05);
+    raid0.bad(1).insert(1); // volume block 129
+    back = readBack(*raid0.volume, 128, 3, &result);
+    EXPECT_TRUE(result.checkCondition);
+    EXPECT_EQ(result.sense[2], sense::kMediumError);
+    EXPECT_EQ(result.sense[6], 129);
+    EXPECT_EQ(result.transferred, kBlockSize);
+    EXPECT_EQ(raid0.bad(1).count(1), 1u) << "RAID 0 has nothing to repair with";
+}
+
+TEST(RaidState, AFailedMemberIsLeftAloneUntilItIsRebuilt) {
+    Array array(RaidLevel::Raid5, 3, 4096, 16);
+    writeTagged(*array.volume, 0, 64, 0x10);
+    std::string error;
+    ASSERT_TRUE(array.volume->failMember(1, &error)) << error;
+    EXPECT_EQ(array.volume->state(), VolumeState::Degraded);
+    array.disks[1].stopped = true;
+    const int before = array.disks[1].commands;
+    // Reads rebuild its strips, writes keep the parity of the others.
+    std::vector<uint8_t> back = readBack(*array.volume, 0, 64);
+    for (int i = 0; i < 64; i++) {
+        ASSERT_EQ(back[static_cast<size_t>(i) * kBlockSize], static_cast<uint8_t>(0x10 + i)) << i;
+    }
+    writeTagged(*array.volume, 16, 16, 0x60); // strip 1: on member 1
+    EXPECT_EQ(readBack(*array.volume, 20, 1)[0], 0x64);
+    EXPECT_EQ(array.disks[1].commands, before) << "no command reaches a failed member";
+
+    // The state lasts: a new volume over the same settings is still degraded.
+    RaidVolume again(RaidLevel::Raid5, 16, {{&array.disks[0], 4096}, {&array.disks[1], 4096}, {&array.disks[2], 4096}},
+                     "TESTLD", &array.settings);
+    EXPECT_EQ(again.state(), VolumeState::Degraded);
+    EXPECT_EQ(again.failedMember(), 1);
+
+    array.disks[1].stopped = false;
+    array.disks[1].medium.blocks.clear(); // a new disk
+    std::vector<uint64_t> rows;
+    for (uint64_t lba = 0; lba < 32; lba++) {
+        rows.push_back(lba);
+    }
+    ASSERT_TRUE(array.volume->rebuild(rows, 10, &error)) << error;
+    EXPECT_EQ(array.volume->state(), VolumeState::Rebuilding);
+    ASSERT_TRUE(array.volume->rebuild(rows, 0, &error)) << error;
+    EXPECT_EQ(array.volume->state(), VolumeState::Optimal);
+    EXPECT_TRUE(array.volume->check(rows).empty());
+    EXPECT_EQ(array.medium(1).firstByte(4), 0x64) << "strip 1 back on member 1";
+
+    EXPECT_FALSE(Array(RaidLevel::Raid0, 2).volume->failMember(0, &error));
+}
+
+TEST(RaidState, CheckFindsMirrorAndParityMismatches) {
+    Array mirror(RaidLevel::Raid1, 2, 4096);
+    writeTagged(*mirror.volume, 5, 3, 0x31);
+    std::vector<uint8_t> other(kBlockSize, 0xAB);
+    mirror.medium(1).write(6, 1, other.data());
+    mirror.bad(0).insert(7);
+    std::vector<RowMismatch> found = mirror.volume->check({5, 6, 7});
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0].memberLba, 6u);
+    EXPECT_FALSE(found[0].unreadable);
+    EXPECT_TRUE(found[1].unreadable);
+
+    Array parity(RaidLevel::Raid5, 3, 4096, 16);
+    writeTagged(*parity.volume, 0, 40, 0x01);
+    EXPECT_TRUE(parity.volume->check({0, 1, 2, 20}).empty());
+    parity.medium(2).write(2, 1, other.data());
+    found = parity.volume->check({0, 1, 2, 20});
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].memberLba, 2u);
 }
 
 TEST(RaidCommands, RangeAndOpcodeRefusals) {
@@ -260,7 +329,7 @@ TEST(RaidCommands, CapacityBeyondFourGigablocks) {
     std::vector<uint8_t> block(kBlockSize, 0x3C);
     ASSERT_FALSE(run(*array.volume, cdb16(0x8A, lba, 1), DataDirection::ToDevice, &block).checkCondition);
     uint64_t strip = lba / 128;
-    EXPECT_EQ(array.media[strip % 2].firstByte(strip / 2 * 128 + lba % 128), 0x3C);
+    EXPECT_EQ(array.medium(strip % 2).firstByte(strip / 2 * 128 + lba % 128), 0x3C);
 }
 
 TEST(RaidCommands, InquiryStandardAndSerialPage) {

@@ -337,6 +337,12 @@ TEST_F(SasDriveTest, ModeSelectPagesCurrentSavedAndRefusals) {
     Bytes wrongLength = {0, 0, 0, 0, 0x22, 0x10};
     wrongLength.resize(4 + 2 + 0x10);
     EXPECT_EQ(fieldPointer(out(modeSelect6(wrongLength, false), wrongLength)), 5);
+    // A vendor page needs PF.
+    Bytes injection = {0, 0, 0, 0, 0x22, 0x1C};
+    injection.resize(4 + 2 + 0x1C);
+    ScsiResult noPageFormat = out({0x15, 0x01, 0, 0, uint8_t(injection.size()), 0}, injection);
+    EXPECT_EQ(key(noPageFormat), sense::kIllegalRequest);
+    EXPECT_EQ(asc(noPageFormat), sense::kAscInvalidFieldInParameterList);
 }
 
 TEST_F(SasDriveTest, WriteLongMarksMediaErrorsUntilANormalWrite) {
@@ -379,6 +385,28 @@ TEST_F(SasDriveTest, WriteLongMarksMediaErrorsUntilANormalWrite) {
 
     EXPECT_EQ(information(out(long10(0x3F, 0x30, 512), Bytes(512, 0xFF))), 0xFFFFFFF8u);
     EXPECT_EQ(asc(out(long10(0x3F, kNative, 520), Bytes(520, 0xFF))), sense::kAscLbaOutOfRange);
+}
+
+TEST_F(SasDriveTest, LongBlocksOfTheDrivesOwnLengthAndCorrctOnABadBlock) {
+    identity.longBlockBytes = 528;
+    drive = makeSasDrive(identity, medium, settings);
+    Bytes data;
+    ScsiResult probe = in(long10(0x3E, 0x10000, 512), &data, 512);
+    EXPECT_EQ(information(probe), 0xFFFFFFF0u) << "512 - 528";
+    EXPECT_EQ(asc(in(long10(0x3E, 0x40, 520), &data)), sense::kAscInvalidFieldInCdb);
+    ASSERT_FALSE(in(long10(0x3E, 0x40, 528), &data).checkCondition);
+    ASSERT_EQ(data.size(), 528u);
+    // The 16 check bytes written back unchanged keep the block good; any change breaks it.
+    ASSERT_FALSE(out(long10(0x3F, 0x40, 528), data).checkCondition);
+    EXPECT_FALSE(sasBlockHasMediaError(settings, 0x40));
+    data[520] ^= 1;
+    ASSERT_FALSE(out(long10(0x3F, 0x40, 528), data).checkCondition);
+    EXPECT_TRUE(sasBlockHasMediaError(settings, 0x40));
+    // READ LONG of the bad block: MEDIUM ERROR naming it, unless CORRCT asks for the data.
+    ScsiResult bad = in(long10(0x3E, 0x40, 528), &data);
+    EXPECT_EQ(key(bad), sense::kMediumError);
+    EXPECT_EQ(information(bad), 0x40u);
+    EXPECT_FALSE(in(long10(0x3E, 0x40, 528, 0x02), &data).checkCondition);
 }
 
 TEST_F(SasDriveTest, LogPagesHaveTheirFamilyLayouts) {

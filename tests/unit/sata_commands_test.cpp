@@ -89,7 +89,7 @@ class SataHandlers : public ::testing::Test {
 };
 
 TEST_F(SataHandlers, SectorCommandsRefuseASasDriveEachAtItsOwnStep) {
-    const std::string sasRefused = "KEL0024-E <SAS> drive does not support this command.\n" + kAbnormalEnd;
+    const std::string sasRefused = "KEL0024-E <SAS> drive does not support this command.\n";
     int result = -1;
     // The write checks the drive type before the address, the read after it.
     EXPECT_EQ(runHandler(kTblPDSectorWrite, KelPDOneSectorWrite_SATA, {"0", "0", "zz"}, &result), sasRefused);
@@ -106,7 +106,7 @@ TEST_F(SataHandlers, CapacityChangeRefusesASasDriveAfterTheCapacity) {
               badValue("Capacity"));
     EXPECT_EQ(result, 0);
     EXPECT_EQ(runHandler(kTblCapaChange, KelPDHDDCapaChange_SATA, {"0", "0", "100"}, &result),
-              "KEL0024-E <SAS> drive does not support this command.\n" + kAbnormalEnd);
+              "KEL0024-E <SAS> drive does not support this command.\n");
     EXPECT_EQ(result, 0);
 }
 
