@@ -3,6 +3,7 @@
 #include "controller_library.h"
 
 #include "byte_order.h"
+#include "drives/sas_drive.h"
 #include "faults.h"
 #include "library_codes.h"
 #include "text_fields.h"
@@ -145,6 +146,20 @@ int ControllerLibrary::getRaidStatus(uint8_t controllerNo, RaidStatus *status) {
     return 1;
 }
 
+// A SAS drive's revision changes with a firmware download; the state keeps it.
+std::string ControllerLibrary::currentRevision(uint8_t controllerNo, uint8_t driveNo, const DriveIdentity &identity) {
+    if (identity.interface != DriveInterface::Sas) {
+        return identity.revision;
+    }
+    StateStore &store = farm_.store();
+    StoreTransaction reading(store, false);
+    if (!reading.active()) {
+        return identity.revision;
+    }
+    StoredSettings settings(store, driveKey(controllerNo, driveNo));
+    return sasDriveRevision(identity, settings);
+}
+
 int ControllerLibrary::getPhysicalDriveInfo(uint8_t controllerNo, uint8_t driveNo, PhysicalDriveInfo *info) {
     if (!ready(info)) {
         return 0;
@@ -172,7 +187,7 @@ int ControllerLibrary::getPhysicalDriveInfo(uint8_t controllerNo, uint8_t driveN
     putLe(info->reserved0 + 2, 8, identity.nativeBlocks);
     putText(info->vendorId, sizeof info->vendorId, identity.vendor);
     putText(info->productId, sizeof info->productId, identity.product);
-    putText(info->productRevision, sizeof info->productRevision, identity.revision);
+    putText(info->productRevision, sizeof info->productRevision, currentRevision(controllerNo, driveNo, identity));
     putText(info->reserved42, 20, identity.serial);
     return 1;
 }

@@ -27,6 +27,7 @@ class ControllerLibrary {
     int fail(uint32_t code);
     // The common start of the calls that need an initialised library and a record.
     bool ready(const void *record);
+    std::string currentRevision(uint8_t controllerNo, uint8_t driveNo, const DriveIdentity &identity);
 
     Farm &farm_;
     bool initialised_ = false;

@@ -8,6 +8,11 @@ namespace kelsim {
 std::string formatJournalLine(int64_t seq, const JournalEntry &entry) {
     char field[64];
     std::string line = std::to_string(seq) + " " + entry.function;
+    // What a person set with kelsim on one drive: the control and the drive, nothing more.
+    if (entry.function.compare(0, 7, "kelsim ") == 0) {
+        snprintf(field, sizeof field, " ctl=%u pd=%u", entry.controllerNo, entry.driveNo);
+        return line + field;
+    }
     if (entry.hasRequest) {
         const char *target = entry.targetKind == 1 ? "ld" : "pd";
         snprintf(field, sizeof field, " ctl=%u %s=%u if=%u dir=%u ata=%u cdb=", entry.controllerNo, target,

@@ -5,6 +5,7 @@
 #include "farm.h"
 #include "faults.h"
 #include "journal.h"
+#include "kelsim_diag.h"
 #include "kelsim_raid.h"
 
 #include <cinttypes>
@@ -25,12 +26,14 @@ const char kUsage[] = "usage: kelsim <command>\n"
                       "                        script a fault for the next call(s); kinds: pass-status <1-255>,\n"
                       "                        init-fail <code>, no-controller, continfo-fail <code>,\n"
                       "                        raidstatus-fail <code>, driveinfo-fail [code]\n"
-                      "  fault list | fault clear\n"
-                      "The state folder is $KELSIM_DIR, else ${XDG_STATE_HOME:-$HOME/.local/state}/kelsim.\n";
+                      "  fault list | fault clear\n";
+const char kStateFolderNote[] = "The state folder is $KELSIM_DIR, else ${XDG_STATE_HOME:-$HOME/.local/state}/kelsim.\n";
 
 int usage() {
     fputs(kUsage, stderr);
     fputs(kRaidUsage, stderr);
+    fputs(kDiagUsage, stderr);
+    fputs(kStateFolderNote, stderr);
     return 2;
 }
 
@@ -92,18 +95,23 @@ int show(const std::string &stateDir) {
             std::string role = ld >= 0 ? "ld" + std::to_string(ld) : "unassigned";
             uint64_t written = store.storedBlockCount(driveKey(static_cast<int>(c), s));
             // MODE SELECT (SAS) or SET MAX ADDRESS EXT (SATA) may have changed the capacity since.
-            std::string changed;
+            std::string changed, revision = id.revision, conditions;
             StoredSettings settings(store, driveKey(static_cast<int>(c), s));
             const uint64_t now =
                 id.interface == DriveInterface::Sas ? sasDriveBlocks(id, settings) : sataUserBlocks(id, settings);
             if (now != id.nativeBlocks) {
                 changed = "  now " + std::to_string(now) + " blocks";
             }
+            if (id.interface == DriveInterface::Sas) {
+                revision = sasDriveRevision(id, settings); // a firmware download changes it
+                conditions = "          conditions: " + describeSlotConditions(store, static_cast<int>(c), s) + "\n";
+            }
             printf("  slot %d  %-4s  %-8s  %-16s  %-4s  %-12s  %" PRIu64 " blocks (%s)  %s  written %" PRIu64
                    " blocks%s\n",
                    s, id.interface == DriveInterface::Sata ? "SATA" : "SAS", id.vendor.c_str(), id.product.c_str(),
-                   id.revision.c_str(), id.serial.c_str(), id.nativeBlocks, humanSize(id.nativeBlocks).c_str(),
+                   revision.c_str(), id.serial.c_str(), id.nativeBlocks, humanSize(id.nativeBlocks).c_str(),
                    role.c_str(), written, changed.c_str());
+            fputs(conditions.c_str(), stdout);
             if (std::string faults = reading.active() ? driveFaultsText(farm, static_cast<int>(c), s) : "";
                 !faults.empty()) {
                 printf("          faults: %s\n", faults.c_str());
@@ -206,12 +214,17 @@ int main(int argc, char **argv) {
     if (command == "fault" && !args.empty()) {
         return fault(stateDir, args);
     }
+    if (isDiagCommand(command)) {
+        return runDiagCommand(stateDir, command, args);
+    }
     if (int status = runRaidCommand(stateDir, command, args); status >= 0) {
         return status;
     }
     if (command == "help" || command == "--help" || command == "-h") {
         fputs(kUsage, stdout);
         fputs(kRaidUsage, stdout);
+        fputs(kDiagUsage, stdout);
+        fputs(kStateFolderNote, stdout);
         return 0;
     }
     return usage();

@@ -13,7 +13,6 @@ namespace {
 
 constexpr uint8_t kWrapperDataIn = 0xBB;
 constexpr uint8_t kWrapperDataOutOrNone = 0xBA;
-constexpr uint8_t kAtaPassThrough16 = 0x85;
 
 // What the call ends with, before it is delivered to the caller's buffers.
 struct Outcome {
@@ -154,9 +153,7 @@ Outcome execute(Farm &farm, const PassCall &call) {
         }
         target = farm.volume(request.controllerNo, request.driveNo);
     } else if (farm.slot(request.controllerNo, request.driveNo)->identity.interface == DriveInterface::Sata) {
-        if (request.cdb[0] != kAtaPassThrough16) {
-            return statusOnly(KEL_STATUS_UNSUPPORTED);
-        }
+        // ATA PASS-THROUGH goes to the device; the translation layer answers the rest.
         command.blockTransferUnit = request.ataCommandFlag != 0;
         target = farm.physicalDrive(request.controllerNo, request.driveNo);
     } else {

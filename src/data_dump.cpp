@@ -14,7 +14,7 @@
 namespace {
 
 constexpr uint32_t kBytesPerRow = 16;
-constexpr size_t kRowSize = 80; // the longest row is 78 characters with its newline
+constexpr size_t kRowSize = kDumpRowSize;
 constexpr size_t kRowsPerBlock = 256;
 constexpr uint32_t kLargestBuffer = 0x10000;
 const char kHexDigits[] = "0123456789ABCDEF";
@@ -27,9 +27,12 @@ char shownCharacter(uint8_t byte) {
     return letterOrDigit ? static_cast<char>(byte) : '.';
 }
 
-// One row: "%08X: ", sixteen "%02X " fields (blanks past the end, an extra blank after
-// the eighth), a blank, then the characters of the bytes present. Returns its length.
-size_t formatRow(char *row, uint32_t offset, const uint8_t *bytes, uint32_t count) {
+} // namespace
+
+// One dump row: "%08X: ", sixteen "%02X " fields (blanks past the end, an extra blank after
+// the eighth), a blank, then the characters of the bytes present, then the line end.
+// Returns its length.
+size_t formatDumpRow(char *row, uint32_t offset, const uint8_t *bytes, uint32_t count, const char *lineEnd) {
     size_t at = 0;
     for (int shift = 28; shift >= 0; shift -= 4) {
         row[at++] = kHexDigits[(offset >> shift) & 0xF];
@@ -53,11 +56,11 @@ size_t formatRow(char *row, uint32_t offset, const uint8_t *bytes, uint32_t coun
     for (uint32_t column = 0; column < count; column++) {
         row[at++] = shownCharacter(bytes[column]);
     }
-    row[at++] = '\n';
+    for (const char *end = lineEnd; *end != '\0'; end++) {
+        row[at++] = *end;
+    }
     return at;
 }
-
-} // namespace
 
 uint32_t KelPasPrintData(const char *title, const uint8_t *data, uint32_t size, uint32_t startRow, int32_t totalSize) {
     if (startRow == 0) {
@@ -77,7 +80,7 @@ uint32_t KelPasPrintData(const char *title, const uint8_t *data, uint32_t size, 
     for (uint32_t r = 0; r < rows; r++) {
         const uint32_t first = r * kBytesPerRow;
         const uint32_t count = size - first < kBytesPerRow ? size - first : kBytesPerRow;
-        filled += formatRow(block + filled, (startRow + r) * kBytesPerRow, data + first, count);
+        filled += formatDumpRow(block + filled, (startRow + r) * kBytesPerRow, data + first, count, "\n");
         if (filled > sizeof block - kRowSize || r + 1 == rows) {
             fwrite(block, 1, filled, stdout);
             filled = 0;

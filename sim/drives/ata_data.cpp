@@ -45,7 +45,7 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
     putAtaString(data.data(), 10, 10, identity.serial);
     putAtaString(data.data(), 23, 4, identity.revision);
     putAtaString(data.data(), 27, 20, identity.product);
-    putWord(data, 47, 0x8010); // READ/WRITE MULTIPLE: up to 16 sectors
+    putWord(data, 47, 0x8000); // no READ/WRITE MULTIPLE
     putWord(data, 49, 0x0F00); // LBA and DMA supported, IORDY
     putWord(data, 50, 0x4000);
     putWord(data, 53, 0x0007); // words 54-58, 64-70 and 88 are valid
@@ -55,7 +55,7 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
     uint32_t chsBlocks = uint32_t{kCylinders} * kHeads * kSectorsPerTrack;
     putWord(data, 57, static_cast<uint16_t>(chsBlocks));
     putWord(data, 58, static_cast<uint16_t>(chsBlocks >> 16));
-    putWord(data, 59, 0x0110);
+    putWord(data, 59, 0x0000); // no multiple-sector setting
     uint32_t blocks28 = static_cast<uint32_t>(std::min(state.userBlocks, kMax28BitBlocks));
     putWord(data, 60, static_cast<uint16_t>(blocks28));
     putWord(data, 61, static_cast<uint16_t>(blocks28 >> 16));
@@ -64,21 +64,22 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
     for (unsigned word = 65; word <= 68; ++word) {
         putWord(data, word, 120);
     }
-    putWord(data, 75, 0x001F);
-    putWord(data, 76, 0x070E); // SATA 1.5, 3.0 and 6.0 Gb/s
+    putWord(data, 75, 0x0000); // no queued commands
+    putWord(data, 76, 0x000E); // SATA 1.5, 3.0 and 6.0 Gb/s; no NCQ
     putWord(data, 80, 0x03F0); // major versions up to the second command set revision
-    // Words 82-87: supported and enabled command sets (NOP, buffers, host protected area,
-    // look-ahead, write cache, power management, SMART; 48-bit addressing, cache flushes, logs).
-    putWord(data, 82, 0x7469);
+    // Words 82-87: supported and enabled command sets (NOP, host protected area, look-ahead,
+    // write cache, power management, SMART; 48-bit addressing, cache flushes; SMART error
+    // logging and general-purpose logs). No READ/WRITE BUFFER and no SMART self-test.
+    putWord(data, 82, 0x4469);
     putWord(data, 83, 0x7400);
-    putWord(data, 84, 0x4023);
-    uint16_t enabled = 0x7408;
+    putWord(data, 84, 0x4021);
+    uint16_t enabled = 0x4408;
     enabled |= state.readLookAheadEnabled ? 0x0040 : 0;
     enabled |= state.writeCacheEnabled ? 0x0020 : 0;
     enabled |= state.smartEnabled ? 0x0001 : 0;
     putWord(data, 85, enabled);
     putWord(data, 86, 0xB400);
-    putWord(data, 87, 0x4023);
+    putWord(data, 87, 0x4021);
     putWord(data, 88, 0x407F); // Ultra DMA modes 0-6, mode 6 selected
     for (unsigned i = 0; i < 4; ++i) {
         putWord(data, 100 + i, static_cast<uint16_t>(state.userBlocks >> (16 * i)));
@@ -119,13 +120,9 @@ AtaSector buildSmartData(uint64_t pendingBlocks) {
     }
     data[362] = 0x82; // off-line data collection completed
     data[364] = 0x50; // off-line collection time, seconds
-    data[367] = 0x5B; // off-line, self-test and error-logging capabilities
+    data[367] = 0x00; // no off-line collection and no self-tests to start
     data[368] = 0x03;
-    data[370] = 0x01;
-    data[372] = 2;    // short self-test: minutes
-    data[373] = 0xFF; // extended self-test: see words 375-376
-    data[375] = 0x58;
-    data[376] = 0x02;
+    data[370] = 0x01; // error logging
     sealWithChecksum(data);
     return data;
 }

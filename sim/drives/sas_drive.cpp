@@ -6,6 +6,7 @@
 // per command set (sas_identity, sas_block_io, sas_mode_pages, sas_log_pages, sas_firmware,
 // sas_media).
 #include "sas_drive_internal.h"
+#include "sas_life.h"
 
 #include <algorithm>
 #include <array>
@@ -86,8 +87,16 @@ const SasDrive::CommandEntry SasDrive::kCommands[] = {
 };
 
 ScsiResult SasDrive::execute(const ScsiCommand &command) {
-    ScsiResult result = dispatch(command);
+    // A check condition scripted with kelsim comes before the command table.
+    ScsiResult result;
+    const bool hasCdb = command.cdb != nullptr && command.cdbLength > 0;
+    if (!hasCdb || !takeScriptedCheck(settings_, command.cdb[0], &result)) {
+        result = dispatch(command);
+    }
     result.transferred = std::min(result.transferred, command.dataLength);
+    if (hasCdb) {
+        recordInLife(command, result);
+    }
     if (result.checkCondition) {
         lastSense_ = result;
         haveLastSense_ = true;

@@ -137,16 +137,20 @@ class SasDrive : public ScsiTarget {
     ScsiResult logSense(const Request &request);
     ScsiResult logSelect(const Request &request);
 
-    std::vector<uint8_t> logPage(uint8_t code);
-    std::vector<uint8_t> errorHistoryPage();
-    std::vector<uint8_t> smartPage();
+    // asNew: the page as a new drive shows it (the defaults of page control 2 and 3).
+    std::vector<uint8_t> logPage(uint8_t code, bool asNew);
+    std::vector<uint8_t> errorHistoryPage(bool asNew);
+    std::vector<uint8_t> smartPage(bool asNew);
+    // Counters and error history after every command.
+    void recordInLife(const ScsiCommand &command, const ScsiResult &result);
 
     // ---- buffers and microcode (sas_firmware.cpp) ----
 
     ScsiResult readBuffer(const Request &request);
     ScsiResult writeBuffer(const Request &request);
 
-    void activateMicrocode();
+    // The image arrived so far; checked and activated when it is complete.
+    ScsiResult receiveMicrocode(const Request &request, uint32_t offset, uint32_t length, bool wholeImage);
 
     // ---- long blocks, media errors and diagnostics (sas_media.cpp) ----
 
@@ -161,8 +165,7 @@ class SasDrive : public ScsiTarget {
     ScsiResult lastSense_{};
     bool haveLastSense_ = false;
     std::vector<uint8_t> dataBuffer_; // allocated on first use
-    uint64_t microcodeReceived_ = 0;  // bytes of the download in progress
-    uint16_t microcodeSum_ = 0;
+    std::vector<uint8_t> microcode_;  // the download in progress (the drive's volatile buffer)
 };
 
 } // namespace sas

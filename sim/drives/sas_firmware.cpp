@@ -1,5 +1,7 @@
 // The SAS drive's buffers and microcode: READ BUFFER and WRITE BUFFER on the 64 KiB data
-// buffer, and microcode download (modes 5 and 7) whose activation changes the revision.
+// buffer, and microcode download (mode 5 whole, mode 7 in pieces) of an image in the sim's
+// format (microcode_image.h), whose activation changes the revision for good.
+#include "microcode_image.h"
 #include "sas_drive_internal.h"
 
 #include <cstdio>
@@ -35,12 +37,6 @@ ScsiResult SasDrive::readBuffer(const Request &request) {
     return sendData(request.command, data, allocation);
 }
 
-void SasDrive::activateMicrocode() {
-    char revision[8];
-    std::snprintf(revision, sizeof revision, "%04X", microcodeSum_);
-    settings_.set(kKeyRevision, revision);
-}
-
 ScsiResult SasDrive::writeBuffer(const Request &request) {
     const uint8_t *cdb = request.cdb;
     uint8_t mode = cdb[1] & 0x1F;
@@ -73,19 +69,27 @@ ScsiResult SasDrive::writeBuffer(const Request &request) {
         return result;
     }
 
-    // Microcode: mode 5 brings the whole image at once; mode 7 brings it in pieces at
-    // increasing offsets, a piece at offset 0 starting a new image. The drive checks
-    // nothing in the image; after each piece it runs the image received so far, whose
-    // revision is its 16-bit byte sum in four hexadecimal digits.
+    return receiveMicrocode(request, offset, length, mode == 0x05);
+}
+
+// Mode 5 brings the whole image at once; mode 7 brings it in pieces, each at the offset
+// where the last one ended, a piece at offset 0 starting a new image. When the bytes the
+// image header announces have all arrived the drive checks the image: one for its product
+// with a good checksum becomes its firmware (the new revision is kept), anything else is
+// refused and the old firmware stays. A piece out of order ends the download.
+ScsiResult SasDrive::receiveMicrocode(const Request &request, uint32_t offset, uint32_t length, bool wholeImage) {
+    constexpr uint8_t kAscqNone = 0x00;
     if (offset == 0) {
-        microcodeReceived_ = 0;
-        microcodeSum_ = 0;
-    } else if (mode == 0x05 || offset != microcodeReceived_) {
+        microcode_.clear();
+    } else if (wholeImage || offset != microcode_.size()) {
+        microcode_.clear();
         return invalidFieldInCdb(3);
     }
     if (length > kMaxMicrocodeSize - offset) {
+        microcode_.clear();
         return invalidFieldInCdb(6);
     }
+    ScsiResult result;
     if (length == 0) {
         return result;
     }
@@ -93,12 +97,26 @@ ScsiResult SasDrive::writeBuffer(const Request &request) {
     if (data == nullptr) {
         return invalidFieldInCdb(6);
     }
-    for (uint32_t i = 0; i < length; ++i) {
-        microcodeSum_ = static_cast<uint16_t>(microcodeSum_ + data[i]);
-    }
-    microcodeReceived_ += length;
-    activateMicrocode();
+    microcode_.insert(microcode_.end(), data, data + length);
     result.transferred = length;
+    const size_t announced = announcedImageSize(microcode_.data(), microcode_.size());
+    const bool headerSeen = microcode_.size() >= kImageHeaderSize;
+    if (headerSeen && (announced == 0 || microcode_.size() > announced)) {
+        microcode_.clear(); // not an image of ours, or more bytes than it said
+        return checkCondition(sense::kIllegalRequest, sense::kAscInvalidFieldInParameterList, kAscqNone);
+    }
+    if (!headerSeen || microcode_.size() < announced) {
+        return wholeImage ? checkCondition(sense::kIllegalRequest, sense::kAscInvalidFieldInParameterList, kAscqNone)
+                          : result;
+    }
+    std::string revision;
+    const ImageVerdict verdict =
+        checkMicrocodeImage(microcode_.data(), microcode_.size(), identity_.product, &revision);
+    microcode_.clear();
+    if (verdict != ImageVerdict::Good) {
+        return checkCondition(sense::kIllegalRequest, sense::kAscInvalidFieldInParameterList, kAscqNone);
+    }
+    settings_.set(kKeyRevision, revision);
     return result;
 }
 

@@ -1,6 +1,7 @@
 // The SAS drive's identity and state commands: INQUIRY and its vital product data pages,
 // READ CAPACITY (10) and (16), REPORT LUNS, REQUEST SENSE, START STOP UNIT.
 #include "sas_drive_internal.h"
+#include "sas_life.h"
 #include "text_fields.h"
 
 #include <algorithm>
@@ -24,6 +25,10 @@ ScsiResult SasDrive::requestSense(const Request &request) {
         pending = lastSense_;
     } else if (stopped()) {
         pending = checkCondition(sense::kNotReady, kAscNotReady, kAscqInitializingCommandRequired);
+    } else if (const DriveCounters life = loadDriveCounters(settings_); life.smartAsc != 0) {
+        // A SMART trip is reported on request (MRIE 6 of the informational exceptions page).
+        pending =
+            checkCondition(sense::kNoSense, static_cast<uint8_t>(life.smartAsc), static_cast<uint8_t>(life.smartAscq));
     }
     haveLastSense_ = false; // the sense is handed over once
     std::vector<uint8_t> data(pending.sense.begin(), pending.sense.end());
@@ -165,6 +170,9 @@ ScsiResult SasDrive::startStopUnit(const Request &request) {
     bool start = cdb[4] & 0x01;
     if (start == stopped()) {
         settings_.set(kKeyStopped, start ? "0" : "1");
+        if (start) {
+            countSpinUp(settings_);
+        }
     }
     return ScsiResult{};
 }

@@ -42,6 +42,15 @@ const std::vector<ModePageDefinition> &modePages() {
          {0x0A, 0x0A, 0x00, 0x10, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0x0A, 0x8C},
          {0x00, 0x00, 0x02, 0xF0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00},
          0},
+        // Protocol-specific port (SAS): I_T nexus loss time and initiator response timeout,
+        // 2 s each, both changeable.
+        {0x19, {0x19, 0x06, 0x06, 0x00, 0x07, 0xD0, 0x07, 0xD0}, {0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF}, 0},
+        // Informational exceptions control: EWASC, MRIE 6 (report on request); PERF, DEXCPT,
+        // TEST, LOGERR, MRIE, the interval timer and the report count changeable.
+        {0x1C,
+         {0x1C, 0x0A, 0x10, 0x06, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00},
+         {0x00, 0x00, 0x8D, 0x0F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+         0},
         // Vendor error injection: 28 bytes (or the 32-byte form), every bit the host's.
         {kInjectionPage, std::vector<uint8_t>(0x1C + 2, 0x00), {}, 0x20},
     };
@@ -167,8 +176,8 @@ ScsiResult SasDrive::modeSense(const Request &request, bool tenByte) {
     uint8_t pageCode = cdb[2] & 0x3F;
     uint8_t subpage = cdb[3];
     uint64_t allocation = tenByte ? getBe(&cdb[7], 2) : cdb[4];
-    if (subpage != 0 && !(pageCode == 0x3F && subpage == 0xFF)) {
-        return invalidFieldInCdb(3); // the drive has no subpages
+    if (subpage != 0 && subpage != 0xFF) {
+        return invalidFieldInCdb(3); // no page has subpages: 0xFF ("all") gives each page once
     }
     std::vector<uint8_t> pages;
     if (!collectModePages(pageCode, pageControl, &pages)) {

@@ -1,11 +1,13 @@
 // The simulated SATA drive: a SCSI/ATA translation layer in front of the ATA device model.
 // It takes ATA PASS-THROUGH(16) and (12) command blocks, checks that the block agrees with
 // itself and with the host's buffer, runs the ATA command and turns the device's completion
-// registers into SCSI status and fixed-format sense.
+// registers into SCSI status and fixed-format sense; other SCSI commands go to the layer's
+// translations (sat_scsi).
 #include "sata_drive.h"
 
 #include "ata_device.h"
 #include "byte_order.h"
+#include "sat_scsi.h"
 
 namespace kelsim {
 namespace {
@@ -109,7 +111,7 @@ class SataDrive : public ScsiTarget {
             pass = decode12(command.cdb);
             break;
         default:
-            return checkCondition(sense::kIllegalRequest, sense::kAscInvalidOpcode, 0);
+            return scsi_.execute(command);
         }
         AtaDataPhase phase = AtaDataPhase::None;
         if (ScsiResult refusal; !checkAgreement(pass, command, &phase, &refusal)) {
@@ -252,6 +254,7 @@ class SataDrive : public ScsiTarget {
     }
 
     AtaDevice device_;
+    SatScsiCommands scsi_{device_}; // the standard SCSI commands, translated
 };
 
 } // namespace

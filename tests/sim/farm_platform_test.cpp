@@ -118,7 +118,8 @@ TEST_F(PassThroughChecks, MalformedRequestsGetTheLibrarysStatus) {
         {"absent logical drive", Call(0, 3, 1, read10(0), 1), PassFunction::ReadExtend, 1, 1},
         {"wrapper names another drive", Call(0, 2, 1, wrappedRead10(3, 0)), PassFunction::ReadExtend, 1, 1},
         {"plain CDB to a SAS slot", Call(0, 0, 1, read10(0)), PassFunction::ReadExtend, 2, 0},
-        {"SCSI wrapper to a SATA slot", Call(0, 4, 1, wrappedRead10(4, 0)), PassFunction::ReadExtend, 2, 0},
+        // A SATA slot takes any CDB: its translation layer knows no opcode 0xBB.
+        {"SCSI wrapper to a SATA slot", Call(0, 4, 1, wrappedRead10(4, 0)), PassFunction::ReadExtend, 4, 0x70},
         {"0xBB with data out", Call(0, 0, 0, wrappedRead10(0, 0)), PassFunction::AnyCommand, 6, 0},
         {"0xBA with data in", Call(0, 0, 1, wrappedWrite10(0, 0)), PassFunction::AnyCommand, 6, 0},
         {"write function taking data in", Call(0, 0, 1, wrappedRead10(0, 0)), PassFunction::WriteExtend, 6, 0},

@@ -239,7 +239,7 @@ TEST_F(SasDriveTest, ModeSenseWalksRealPagesWithBlockDescriptor) {
         offset += data[offset + 1] + 2;
     }
     EXPECT_EQ(offset, data.size());
-    EXPECT_EQ(codes, (std::vector<int>{0x01, 0x08, 0x0A, 0x22}));
+    EXPECT_EQ(codes, (std::vector<int>{0x01, 0x08, 0x0A, 0x19, 0x1C, 0x22}));
 
     // DBD drops the descriptor; a short allocation cuts the data but not its length field.
     in({0x1A, 0x08, 0x08, 0, 8, 0}, &data);
@@ -258,8 +258,11 @@ TEST_F(SasDriveTest, ModeSenseWalksRealPagesWithBlockDescriptor) {
     EXPECT_EQ(be(data, 8, 8), kNative);
     EXPECT_EQ(data[24], 0x81);
 
-    EXPECT_EQ(fieldPointer(in({0x1A, 0, 0x19, 0, 0xFF, 0}, &data)), 2); // no such page
-    EXPECT_EQ(fieldPointer(in({0x1A, 0, 0x08, 1, 0xFF, 0}, &data)), 3); // no subpages
+    EXPECT_EQ(fieldPointer(in({0x1A, 0, 0x1B, 0, 0xFF, 0}, &data)), 2);        // no such page
+    EXPECT_EQ(fieldPointer(in({0x1A, 0, 0x08, 1, 0xFF, 0}, &data)), 3);        // no subpages
+    ASSERT_FALSE(in({0x1A, 0x08, 0x1C, 0xFF, 0xFF, 0}, &data).checkCondition); // "all subpages" of one page
+    EXPECT_EQ(Bytes(data.begin() + 4, data.end()),
+              (Bytes{0x9C, 0x0A, 0x10, 0x06, 0, 0, 0, 0, 0, 0, 0, 0})); // EWASC, MRIE 6
 }
 
 TEST_F(SasDriveTest, ModeSelectBlockDescriptorChangesCapacityPersistently) {
@@ -305,8 +308,9 @@ TEST_F(SasDriveTest, ModeSelectPagesCurrentSavedAndRefusals) {
     in({0x1A, 0x08, 0x08, 0, 0xFF, 0}, &data);
     Bytes list(4, 0);
     list.insert(list.end(), data.begin() + 4, data.end());
-    list[4] &= 0x3F;
-    list[4 + 2] |= 0x04; // WCE
+    ASSERT_EQ(list.size(), 4 + 20u);
+    list.at(4) &= 0x3F;
+    list.at(4 + 2) |= 0x04; // WCE
     ASSERT_FALSE(out(modeSelect6(list, false), list).checkCondition);
     in({0x1A, 0x08, 0x08, 0, 0xFF, 0}, &data);
     EXPECT_EQ(data[4 + 2] & 0x04, 0x04);
@@ -417,18 +421,9 @@ TEST_F(SasDriveTest, LogPagesHaveTheirFamilyLayouts) {
     ASSERT_FALSE(in({0x4D, 0, 0x31, 0, 0, 0, 0, 0x35, 0x74, 0}, &data).checkCondition);
     ASSERT_EQ(data.size(), 13684u);
     EXPECT_EQ(be(data, 2, 2), 13680u);
-    int filled = 0;
     for (int entry = 0; entry < 171; ++entry) {
-        const size_t at = 4 + 80 * entry;
-        EXPECT_EQ(data[at + 1], entry + 1);
-        if (data[at + 28] != 0) {
-            ++filled;
-            EXPECT_NE(data[at + 18] & 0x0F, 0);
-            EXPECT_GT(be(data, at + 8, 4), 0u);
-        }
+        EXPECT_EQ(data[4 + 80 * entry + 1], entry + 1);
     }
-    EXPECT_GE(filled, 3);
-    EXPECT_LE(filled, 6);
 
     struct Family {
         const char *product;
@@ -440,7 +435,6 @@ TEST_F(SasDriveTest, LogPagesHaveTheirFamilyLayouts) {
         in({0x4D, 0, 0x32, 0, 0, 0, 0, 0x01, 0x78, 0}, &data);
         EXPECT_EQ(data.size(), family.length) << family.product;
         EXPECT_EQ(be(data, 2, 2) + 4, family.length);
-        EXPECT_GT(be(data, 8, 4), 0u) << "power-on minutes";
         size_t offset = 4; // the parameters tile the page exactly
         while (offset < data.size()) {
             offset += 4 + data[offset + 3];
@@ -454,9 +448,16 @@ TEST_F(SasDriveTest, LogPagesHaveTheirFamilyLayouts) {
     EXPECT_EQ(fieldPointer(in({0x4D, 0, 0x0D, 0, 0, 0, 0, 0, 0xFF, 0}, &data)), 2);
     in({0x4D, 0, 0x31, 0, 0, 0, 0xAA, 0x01, 0x00, 0}, &data); // from parameter 0xAA on
     EXPECT_EQ(data.size(), 4 + 2 * 80u);
+
+    // Default values (page control 3) are a new drive's: an error raised since does not show.
+    none({0xC5, 0, 0, 0, 0, 0});
+    in({0x4D, 0, 0xF1, 0, 0, 0, 0, 0x35, 0x74, 0}, &data);
+    EXPECT_EQ(data[4 + 28], 0);
+    in({0x4D, 0, 0x31, 0, 0, 0, 0, 0x35, 0x74, 0}, &data);
+    EXPECT_EQ(data[4 + 28], 0x20);
 }
 
-TEST_F(SasDriveTest, BuffersAndMicrocodeDownload) {
+TEST_F(SasDriveTest, DataBufferReadsBackWhatWasWritten) {
     Bytes pattern(0x300);
     for (size_t i = 0; i < pattern.size(); ++i) {
         pattern[i] = uint8_t(i);
@@ -466,26 +467,6 @@ TEST_F(SasDriveTest, BuffersAndMicrocodeDownload) {
     in({0x3C, 0x02, 0, 0x00, 0x01, 0x80, 0x00, 0x01, 0x00, 0}, &data);
     EXPECT_EQ(data, Bytes(pattern.begin() + 0x80, pattern.begin() + 0x180));
     EXPECT_EQ(fieldPointer(in({0x3C, 0x02, 0, 0x00, 0xFF, 0x00, 0x00, 0x10, 0x00, 0}, &data)), 6);
-
-    // Two pieces at offsets 0 and 0x200; the revision becomes the image's byte sum.
-    Bytes image(0x280, 0x11);
-    image[0] = 0xFF;
-    Bytes firstPiece(image.begin(), image.begin() + 0x200), lastPiece(image.begin() + 0x200, image.end());
-    ASSERT_FALSE(out({0x3B, 0x07, 0, 0, 0, 0, 0x00, 0x02, 0x00, 0}, firstPiece).checkCondition);
-    ASSERT_FALSE(out({0x3B, 0x07, 0, 0, 0x02, 0x00, 0x00, 0x00, 0x80, 0}, lastPiece).checkCondition);
-    unsigned sum = 0;
-    for (uint8_t byte : image) {
-        sum += byte;
-    }
-    char expected[8];
-    std::snprintf(expected, sizeof expected, "%04X", sum & 0xFFFF);
-    EXPECT_EQ(sasDriveRevision(identity, settings), expected);
-    drive = makeSasDrive(identity, medium, settings);
-    in({0x12, 0, 0, 0, 36, 0}, &data);
-    EXPECT_EQ(text(data, 32, 4), expected);
-
-    // A piece that does not continue the image is refused.
-    EXPECT_EQ(fieldPointer(out({0x3B, 0x07, 0, 0, 0x04, 0x00, 0x00, 0x00, 0x80, 0}, lastPiece)), 3);
 }
 
 TEST_F(SasDriveTest, StoppedDriveIsNotReadyForMediaAccess) {

@@ -321,10 +321,15 @@ TEST_F(SataDriveTest, VendorErrorInjectionOnlyOnItsOwnModel) {
     EXPECT_TRUE(std::equal(kept.begin(), kept.end(), structure.begin()));
 }
 
-TEST_F(SataDriveTest, UnknownAtaCommandIsAbortedAndOtherScsiCommandsRefused) {
+TEST_F(SataDriveTest, UnknownAtaCommandIsAbortedAndUnknownScsiCommandsRefused) {
     expectAborted(nonData({kNonData, kNoData, 0x99}));
+    std::vector<uint8_t> unknown{0xC5, 0, 0, 0, 0, 0};
+    expectSense(run(unknown, DataDirection::None), sense::kIllegalRequest, sense::kAscInvalidOpcode, 0);
+    // A translated READ(10) without a buffer for its block.
     std::vector<uint8_t> read10{0x28, 0, 0, 0, 0, 0, 0, 0, 1, 0};
-    expectSense(run(read10, DataDirection::None), sense::kIllegalRequest, sense::kAscInvalidOpcode, 0);
+    const ScsiResult refused = run(read10, DataDirection::None);
+    expectSense(refused, sense::kIllegalRequest, sense::kAscInvalidFieldInCdb, 0);
+    EXPECT_EQ(refused.sense[17], 7);
 }
 
 // A block that contradicts itself or the host buffer: INVALID FIELD IN CDB pointing at the field.

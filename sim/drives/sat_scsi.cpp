@@ -1,0 +1,418 @@
+// The SCSI commands the translation layer answers for a SATA drive, each from IDENTIFY
+// DEVICE data or carried out with ATA commands (READ/WRITE SECTOR(S) EXT, FLUSH CACHE EXT).
+#include "sat_scsi.h"
+
+#include "byte_order.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace kelsim {
+namespace {
+
+constexpr uint8_t kAtaIdentify = 0xEC, kAtaReadExt = 0x24, kAtaWriteExt = 0x34, kAtaFlushExt = 0xEA;
+constexpr uint32_t kMostAtaSectors = 65536; // a count of 0 in a 48-bit command
+constexpr uint8_t kDeviceLba = 0x40;
+
+// The layer's own identity in the ATA Information page.
+constexpr const char kLayerVendor[] = "KELSIM  ";
+constexpr const char kLayerProduct[] = "SAT LAYER       ";
+constexpr const char kLayerRevision[] = "1.00";
+
+// An ATA string (two characters a word, the first in the high byte) as text.
+std::string ataString(const AtaSector &data, unsigned firstWord, unsigned words) {
+    std::string text;
+    for (unsigned i = 0; i < 2 * words; ++i) {
+        text.push_back(static_cast<char>(data[2 * firstWord + (i ^ 1)]));
+    }
+    return text;
+}
+
+void putText(uint8_t *field, size_t width, const std::string &text) {
+    memset(field, ' ', width);
+    memcpy(field, text.data(), std::min(width, text.size()));
+}
+
+// A data-in answer cut to the allocation length and the host's buffer.
+ScsiResult sendData(const ScsiCommand &command, const std::vector<uint8_t> &data, uint64_t allocation) {
+    ScsiResult result;
+    if (command.direction != DataDirection::FromDevice || command.data == nullptr) {
+        return allocation == 0 ? result : invalidFieldInCdb(0);
+    }
+    const size_t size = static_cast<size_t>(std::min<uint64_t>({data.size(), allocation, command.dataLength}));
+    memcpy(command.data, data.data(), size);
+    result.transferred = static_cast<uint32_t>(size);
+    return result;
+}
+
+// What an ATA error becomes in SCSI sense, the failing LBA in the information field.
+ScsiResult senseForAtaError(const AtaCompletion &completion) {
+    ScsiResult result;
+    if (completion.error & ata::kErrorUncorrectable) {
+        result = checkCondition(sense::kMediumError, sense::kAscUnrecoveredReadError, 0);
+        if (completion.lba <= 0xFFFFFFFFull) {
+            result.sense[0] |= 0x80;
+            putBe(&result.sense[3], 4, completion.lba);
+        }
+    } else if (completion.error & ata::kErrorIdNotFound) {
+        result = checkCondition(sense::kIllegalRequest, sense::kAscLbaOutOfRange, 0);
+    } else {
+        result = checkCondition(sense::kAbortedCommand, 0x00, 0x00);
+    }
+    return result;
+}
+
+// ---- mode pages as the layer builds them ----
+
+enum PageControl { kCurrent = 0, kChangeable = 1, kDefault = 2, kSaved = 3 };
+
+// Read-write error recovery, caching (write cache and look-ahead from IDENTIFY), control,
+// informational exceptions (DEXCPT when SMART is off). No field can be changed.
+std::vector<uint8_t> modePage(uint8_t code, int pageControl, const AtaSector &identify) {
+    std::vector<uint8_t> page;
+    switch (code) {
+    case 0x01:
+        page = {0x01, 0x0A, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0}; // AWRE
+        break;
+    case 0x08: {
+        page.assign(20, 0);
+        page[0] = 0x08;
+        page[1] = 0x12;
+        const uint16_t enabled = getWord(identify.data(), 85);
+        page[2] = (enabled & 0x0020) ? 0x04 : 0x00;  // WCE
+        page[12] = (enabled & 0x0040) ? 0x00 : 0x20; // DRA when look-ahead is off
+        break;
+    }
+    case 0x0A:
+        page = {0x0A, 0x0A, 0x02, 0x00, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0x1E}; // GLTSD
+        break;
+    case 0x1C:
+        page = {0x1C, 0x0A, 0, 0x06, 0, 0, 0, 0, 0, 0, 0, 0};            // MRIE 6: report on request
+        page[2] = (getWord(identify.data(), 85) & 0x0001) ? 0x00 : 0x08; // DEXCPT
+        break;
+    default:
+        return page;
+    }
+    if (pageControl == kChangeable) {
+        std::fill(page.begin() + 2, page.end(), 0);
+    }
+    return page;
+}
+
+constexpr uint8_t kModePages[] = {0x01, 0x08, 0x0A, 0x1C};
+
+} // namespace
+
+bool SatScsiCommands::translates(uint8_t opcode) {
+    switch (opcode) {
+    case 0x00: // TEST UNIT READY
+    case 0x03: // REQUEST SENSE
+    case 0x08: // READ(6)
+    case 0x0A: // WRITE(6)
+    case 0x12: // INQUIRY
+    case 0x1A: // MODE SENSE(6)
+    case 0x25: // READ CAPACITY(10)
+    case 0x28: // READ(10)
+    case 0x2A: // WRITE(10)
+    case 0x35: // SYNCHRONIZE CACHE(10)
+    case 0x4D: // LOG SENSE
+    case 0x5A: // MODE SENSE(10)
+    case 0x88: // READ(16)
+    case 0x8A: // WRITE(16)
+    case 0x91: // SYNCHRONIZE CACHE(16)
+    case 0x9E: // SERVICE ACTION IN(16): READ CAPACITY(16)
+        return true;
+    default:
+        return false;
+    }
+}
+
+ScsiResult SatScsiCommands::execute(const ScsiCommand &command) {
+    // The transport carries a 16-byte CDB field; a shorter command leaves the rest zero.
+    uint8_t cdb[16] = {};
+    memcpy(cdb, command.cdb, std::min<size_t>(command.cdbLength, sizeof cdb));
+    ScsiResult result = dispatch(cdb, command);
+    result.transferred = std::min(result.transferred, command.dataLength);
+    if (result.checkCondition) {
+        lastSense_ = result;
+        haveLastSense_ = true;
+    }
+    return result;
+}
+
+ScsiResult SatScsiCommands::dispatch(const uint8_t *cdb, const ScsiCommand &command) {
+    switch (cdb[0]) {
+    case 0x00:
+        return ScsiResult{};
+    case 0x03:
+        return requestSense(cdb, command);
+    case 0x12:
+        return inquiry(cdb, command);
+    case 0x1A:
+        return modeSense(cdb, command, false);
+    case 0x5A:
+        return modeSense(cdb, command, true);
+    case 0x25:
+        return readCapacity(cdb, command, false);
+    case 0x9E:
+        if ((cdb[1] & 0x1F) != 0x10) {
+            return invalidFieldInCdb(1, 4);
+        }
+        return readCapacity(cdb, command, true);
+    case 0x35:
+    case 0x91:
+        return synchronizeCache();
+    case 0x4D:
+        return logSense(cdb, command);
+    case 0x08:
+    case 0x0A:
+    case 0x28:
+    case 0x2A:
+    case 0x88:
+    case 0x8A:
+        return transfer(cdb, command);
+    default:
+        return checkCondition(sense::kIllegalRequest, sense::kAscInvalidOpcode, 0);
+    }
+}
+
+bool SatScsiCommands::identify(AtaSector *data) {
+    AtaCommandBlock registers;
+    registers.command = kAtaIdentify;
+    registers.count = 1;
+    return !device_.execute(registers, AtaDataPhase::In, data->data(), kBlockSize).failed();
+}
+
+uint64_t SatScsiCommands::userBlocks(const AtaSector &data) const {
+    uint64_t blocks = 0;
+    for (unsigned i = 0; i < 4; ++i) {
+        blocks |= uint64_t{getWord(data.data(), 100 + i)} << (16 * i);
+    }
+    return blocks;
+}
+
+ScsiResult SatScsiCommands::inquiry(const uint8_t *cdb, const ScsiCommand &command) {
+    const uint16_t allocation = static_cast<uint16_t>(getBe(&cdb[3], 2));
+    AtaSector data{};
+    if (!identify(&data)) {
+        return checkCondition(sense::kAbortedCommand, 0x00, 0x00);
+    }
+    std::vector<uint8_t> page;
+    if (!(cdb[1] & 0x01)) {
+        if (cdb[2] != 0) {
+            return invalidFieldInCdb(2);
+        }
+        page.assign(96, 0);
+        page[2] = 0x06; // SPC-4
+        page[3] = 0x02; // response data format 2
+        page[4] = static_cast<uint8_t>(page.size() - 5);
+        putText(&page[8], 8, "ATA");
+        putText(&page[16], 16, ataString(data, 27, 20));
+        // The revision: the last four characters of the firmware revision, or the first
+        // four when those are blank.
+        const std::string firmware = ataString(data, 23, 4);
+        const std::string tail = firmware.substr(4, 4);
+        putText(&page[32], 4, tail == "    " ? firmware.substr(0, 4) : tail);
+        return sendData(command, page, allocation);
+    }
+    switch (cdb[2]) {
+    case 0x00:
+        page = {0x00, 0x00, 0x00, 0x03, 0x00, 0x80, 0x89};
+        break;
+    case 0x80: {
+        std::string serial = ataString(data, 10, 10);
+        serial.erase(serial.find_last_not_of(' ') + 1); // blanks around the number are padding
+        serial.erase(0, serial.find_first_not_of(' '));
+        page = {0x00, 0x80, 0x00, static_cast<uint8_t>(serial.size())};
+        page.insert(page.end(), serial.begin(), serial.end());
+        break;
+    }
+    case 0x89: {
+        // ATA Information: the layer's identity, the device signature and IDENTIFY data.
+        page.assign(572, 0);
+        page[1] = 0x89;
+        putBe(&page[2], 2, page.size() - 4);
+        putText(&page[8], 8, kLayerVendor);
+        putText(&page[16], 16, kLayerProduct);
+        putText(&page[32], 4, kLayerRevision);
+        page[36] = 0x34; // register device-to-host FIS holding the ATA signature
+        page[38] = 0x50; // status: ready, seek complete
+        page[40] = 0x01; // LBA low
+        page[44] = 0x01; // sector count
+        page[56] = kAtaIdentify;
+        memcpy(&page[60], data.data(), kBlockSize);
+        break;
+    }
+    default:
+        return invalidFieldInCdb(2);
+    }
+    return sendData(command, page, allocation);
+}
+
+ScsiResult SatScsiCommands::readCapacity(const uint8_t *cdb, const ScsiCommand &command, bool sixteen) {
+    AtaSector data{};
+    if (!identify(&data)) {
+        return checkCondition(sense::kAbortedCommand, 0x00, 0x00);
+    }
+    const uint64_t lastLba = userBlocks(data) == 0 ? 0 : userBlocks(data) - 1;
+    std::vector<uint8_t> answer;
+    if (sixteen) {
+        answer.assign(32, 0);
+        putBe(&answer[0], 8, lastLba);
+        putBe(&answer[8], 4, kBlockSize);
+        return sendData(command, answer, getBe(&cdb[10], 4));
+    }
+    answer.assign(8, 0);
+    putBe(&answer[0], 4, std::min<uint64_t>(lastLba, 0xFFFFFFFFull));
+    putBe(&answer[4], 4, kBlockSize);
+    return sendData(command, answer, 8);
+}
+
+// READ and WRITE (6, 10, 16) as READ/WRITE SECTOR(S) EXT, in pieces of at most 65536 sectors.
+ScsiResult SatScsiCommands::transfer(const uint8_t *cdb, const ScsiCommand &command) {
+    uint64_t lba = 0, blocks = 0;
+    uint16_t lengthByte = 0;
+    switch (cdb[0]) {
+    case 0x08:
+    case 0x0A:
+        lba = getBe(&cdb[1], 3) & 0x1FFFFF;
+        blocks = cdb[4] == 0 ? 256 : cdb[4];
+        lengthByte = 4;
+        break;
+    case 0x28:
+    case 0x2A:
+        lba = getBe(&cdb[2], 4);
+        blocks = getBe(&cdb[7], 2);
+        lengthByte = 7;
+        break;
+    default:
+        lba = getBe(&cdb[2], 8);
+        blocks = getBe(&cdb[10], 4);
+        lengthByte = 10;
+        break;
+    }
+    const bool write = cdb[0] == 0x0A || cdb[0] == 0x2A || cdb[0] == 0x8A;
+    AtaSector data{};
+    if (!identify(&data)) {
+        return checkCondition(sense::kAbortedCommand, 0x00, 0x00);
+    }
+    if (lba > userBlocks(data) || blocks > userBlocks(data) - lba) {
+        return checkCondition(sense::kIllegalRequest, sense::kAscLbaOutOfRange, 0);
+    }
+    if (blocks == 0) {
+        return ScsiResult{};
+    }
+    const DataDirection wanted = write ? DataDirection::ToDevice : DataDirection::FromDevice;
+    if (command.direction != wanted || command.data == nullptr || blocks * kBlockSize > command.dataLength) {
+        return invalidFieldInCdb(lengthByte);
+    }
+    ScsiResult result;
+    for (uint64_t done = 0; done < blocks;) {
+        const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(blocks - done, kMostAtaSectors));
+        AtaCommandBlock registers;
+        registers.command = write ? kAtaWriteExt : kAtaReadExt;
+        registers.count = static_cast<uint16_t>(count); // 65536 is written as 0
+        registers.lba = lba + done;
+        registers.device = kDeviceLba;
+        const AtaCompletion completion = device_.execute(registers, write ? AtaDataPhase::Out : AtaDataPhase::In,
+                                                         command.data + done * kBlockSize, count * kBlockSize);
+        result.transferred += completion.transferred;
+        if (completion.failed()) {
+            ScsiResult failure = senseForAtaError(completion);
+            failure.transferred = result.transferred;
+            return failure;
+        }
+        done += count;
+    }
+    return result;
+}
+
+ScsiResult SatScsiCommands::synchronizeCache() {
+    AtaCommandBlock registers;
+    registers.command = kAtaFlushExt;
+    registers.device = kDeviceLba;
+    const AtaCompletion completion = device_.execute(registers, AtaDataPhase::None, nullptr, 0);
+    return completion.failed() ? senseForAtaError(completion) : ScsiResult{};
+}
+
+ScsiResult SatScsiCommands::requestSense(const uint8_t *cdb, const ScsiCommand &command) {
+    if (cdb[1] & 0x01) {
+        return invalidFieldInCdb(1, 0); // descriptor format is not offered
+    }
+    std::vector<uint8_t> data(18, 0);
+    data[0] = 0x70;
+    data[7] = 10;
+    if (haveLastSense_) {
+        std::copy(lastSense_.sense.begin(), lastSense_.sense.end(), data.begin());
+        haveLastSense_ = false;
+    }
+    return sendData(command, data, cdb[4]);
+}
+
+ScsiResult SatScsiCommands::modeSense(const uint8_t *cdb, const ScsiCommand &command, bool tenByte) {
+    const bool disableBlockDescriptors = cdb[1] & 0x08;
+    const int pageControl = cdb[2] >> 6;
+    const uint8_t pageCode = cdb[2] & 0x3F;
+    const uint8_t subpage = cdb[3];
+    const uint64_t allocation = tenByte ? getBe(&cdb[7], 2) : cdb[4];
+    if (pageControl == kSaved) {
+        return checkCondition(sense::kIllegalRequest, 0x39, 0x00); // saving parameters not supported
+    }
+    if (subpage != 0 && subpage != 0xFF) {
+        return invalidFieldInCdb(3);
+    }
+    AtaSector data{};
+    if (!identify(&data)) {
+        return checkCondition(sense::kAbortedCommand, 0x00, 0x00);
+    }
+    std::vector<uint8_t> pages;
+    for (uint8_t code : kModePages) {
+        if (pageCode == 0x3F || pageCode == code) {
+            const std::vector<uint8_t> page = modePage(code, pageControl, data);
+            pages.insert(pages.end(), page.begin(), page.end());
+        }
+    }
+    if (pages.empty()) {
+        return invalidFieldInCdb(2, 5);
+    }
+    std::vector<uint8_t> answer(tenByte ? 8 : 4, 0);
+    if (!disableBlockDescriptors) {
+        uint8_t descriptor[8] = {};
+        putBe(&descriptor[0], 4, std::min<uint64_t>(userBlocks(data), 0xFFFFFFFFull));
+        putBe(&descriptor[5], 3, kBlockSize);
+        answer.insert(answer.end(), descriptor, descriptor + 8);
+        if (tenByte) {
+            answer[7] = 8;
+        } else {
+            answer[3] = 8;
+        }
+    }
+    answer.insert(answer.end(), pages.begin(), pages.end());
+    if (tenByte) {
+        putBe(&answer[0], 2, answer.size() - 2);
+    } else {
+        answer[0] = static_cast<uint8_t>(answer.size() - 1);
+    }
+    return sendData(command, answer, allocation);
+}
+
+ScsiResult SatScsiCommands::logSense(const uint8_t *cdb, const ScsiCommand &command) {
+    if (cdb[1] & 0x01) {
+        return invalidFieldInCdb(1, 0); // SP: nothing is saved
+    }
+    if ((cdb[2] & 0x3F) != 0x00) {
+        return invalidFieldInCdb(2, 5); // only the list of supported pages
+    }
+    if (cdb[3] != 0) {
+        return invalidFieldInCdb(3);
+    }
+    if (getBe(&cdb[5], 2) != 0) {
+        return invalidFieldInCdb(5); // the list has no parameters to point at
+    }
+    const std::vector<uint8_t> page = {0x00, 0x00, 0x00, 0x01, 0x00};
+    return sendData(command, page, getBe(&cdb[7], 2));
+}
+
+} // namespace kelsim

@@ -1,0 +1,39 @@
+// The standard SCSI commands the SCSI/ATA translation layer in front of a SATA drive
+// answers itself, as an operating system's layer does: INQUIRY (with the ATA Information
+// VPD page), READ CAPACITY, READ and WRITE in three sizes, SYNCHRONIZE CACHE, TEST UNIT
+// READY, REQUEST SENSE, MODE SENSE and LOG SENSE, each carried out with ATA commands on
+// the device behind it.
+#pragma once
+
+#include "ata_device.h"
+#include "device.h"
+
+namespace kelsim {
+
+class SatScsiCommands {
+  public:
+    explicit SatScsiCommands(AtaDevice &device) : device_(device) {}
+
+    // True when the operation code is one of the translated commands.
+    static bool translates(uint8_t opcode);
+    ScsiResult execute(const ScsiCommand &command);
+
+  private:
+    ScsiResult dispatch(const uint8_t *cdb, const ScsiCommand &command);
+    ScsiResult inquiry(const uint8_t *cdb, const ScsiCommand &command);
+    ScsiResult readCapacity(const uint8_t *cdb, const ScsiCommand &command, bool sixteen);
+    ScsiResult transfer(const uint8_t *cdb, const ScsiCommand &command);
+    ScsiResult synchronizeCache();
+    ScsiResult requestSense(const uint8_t *cdb, const ScsiCommand &command);
+    ScsiResult modeSense(const uint8_t *cdb, const ScsiCommand &command, bool tenByte);
+    ScsiResult logSense(const uint8_t *cdb, const ScsiCommand &command);
+
+    bool identify(AtaSector *data);
+    uint64_t userBlocks(const AtaSector &identifyData) const;
+
+    AtaDevice &device_;
+    ScsiResult lastSense_{}; // what REQUEST SENSE reports: the last check condition, once
+    bool haveLastSense_ = false;
+};
+
+} // namespace kelsim

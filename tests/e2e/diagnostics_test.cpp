@@ -1,0 +1,413 @@
+// End to end on the default farm: the mode-page print with its file, the log-sense report
+// over every controller and slot, and the firmware download to the drives it selects.
+#include <iconv.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "harness.h"
+
+namespace {
+
+const std::string kRule = std::string(77, '-') + "\n";
+const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
+const std::string kPage31Title =
+    "\n<<<Logpage31:\xB2\xE1\xB5\xEE\xA4\xCBHDD\xA4\xAC\xB5\xF3\xA4\xB2\xA4\xBF\xA5\xA8\xA5"
+    "\xE9\xA1\xBC\xA5\xED\xA5\xB0>>>\n";
+const std::string kPage32Title = "\n<<<Logpage32:HDD SMART\xB7\xCF\xA5\xED\xA5\xB0>>>\n";
+
+std::string toUtf8(const std::string &eucJp) {
+    iconv_t converter = iconv_open("UTF-8", "EUC-JP");
+    std::string input = eucJp, output(eucJp.size() * 3 + 16, '\0');
+    char *in = input.data(), *out = output.data();
+    size_t inLeft = input.size(), outLeft = output.size();
+    const size_t converted = iconv(converter, &in, &inLeft, &out, &outLeft);
+    iconv_close(converter);
+    EXPECT_NE(converted, static_cast<size_t>(-1)) << "not EUC-JP at byte " << input.size() - inLeft;
+    output.resize(output.size() - outLeft);
+    return output;
+}
+
+size_t countOf(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// The journal rows of one pass-through function, numbering and all.
+std::vector<std::string> journalRows(const std::string &journal, const std::string &function) {
+    std::vector<std::string> rows;
+    size_t start = 0;
+    while (start < journal.size()) {
+        size_t end = journal.find('\n', start);
+        const std::string row = journal.substr(start, end - start);
+        if (row.find(" " + function + " ") != std::string::npos) {
+            rows.push_back(row.substr(row.find(' ') + 1));
+        }
+        start = end == std::string::npos ? journal.size() : end + 1;
+    }
+    return rows;
+}
+
+class ModePagePrint : public FarmTest {};
+
+TEST_F(ModePagePrint, ShowsThePageAndAppendsABlockPerRun) {
+    const std::vector<std::string> args = {"PDPrintModePage", "0", "1", "FF", "00", "24"};
+    RunResult first = kelpth(args);
+    ASSERT_EQ(first.exitStatus, 0) << first.out;
+    const std::string head = "RAID Controller No.0\nPhysical Drive No.1\n"
+                             "Page Code     : 0x3F\nSub Page Code : 0x00\nData Size     : 0x24\n\n"
+                             "[CDB] Size=8\n" +
+                             kRule + "00000000: BB 01 1A 08 3F 00 24 00" + std::string(1 + 1 + 8 * 3 + 1, ' ') +
+                             "........\n\n" + "[Get HDD Mode Page] Size=36\n" + kRule;
+    ASSERT_EQ(first.out.substr(0, head.size()), head);
+    // Three rows of the page, the last of four bytes, then an empty line.
+    const std::string rows = first.out.substr(head.size());
+    ASSERT_EQ(countOf(rows, "\n"), 4u) << rows;
+    EXPECT_EQ(rows.substr(0, 10), "00000000: ");
+    EXPECT_EQ(rows.substr(rows.find("00000020: ") + 10 + 4 * 3, 12 * 3 + 2), std::string(12 * 3 + 2, ' '));
+
+    // The file holds the same rows with CR LF line ends.
+    std::string fileRows;
+    for (char c : rows) {
+        fileRows += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    }
+    const std::string block = "[Get HDD Mode Page] Size=36\r\n" + std::string(77, '-') + "\r\n" + fileRows;
+    EXPECT_EQ(readFile("Cnt0Dev1.txt"), block);
+    ASSERT_EQ(kelpth(args).exitStatus, 0);
+    EXPECT_EQ(readFile("Cnt0Dev1.txt"), block + block);
+
+    const std::string trace = traceLog();
+    for (const char *line : {"## Page Code     : 0x3F", "## Sub Page Code : 0x00", "## Data Size     : 0x24"}) {
+        EXPECT_NE(trace.find(line), std::string::npos) << line;
+    }
+}
+
+TEST_F(ModePagePrint, BadValuesAndSataDrivesSendNothing) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string out;
+    };
+    const std::string sataRefusal = "RAID Controller No.0\nPhysical Drive No.4\n"
+                                    "KEL0024-E <SATA> drive does not support this command.\n";
+    for (const Case &c : std::vector<Case>{
+             {{"a", "0", "3F", "00", "FF"}, "KEL0022-E Ileagal Parameter. detail=Controller No\n" + kAbnormalEnd},
+             {{"0", "12", "3F", "00", "FF"}, "KEL0022-E Ileagal Parameter. detail=Drive No\n" + kAbnormalEnd},
+             {{"0", "7", "3F", "00", "FF"}, "KEL0009-E Your target DeviceNo doesn't exist.\n" + kAbnormalEnd},
+             {{"0", "0", "100", "00", "FF"}, "KEL0022-E Ileagal Parameter. detail=Page Code\n" + kAbnormalEnd},
+             {{"0", "0", "G", "00", "FF"}, "KEL0022-E Ileagal Parameter. detail=Page Code\n" + kAbnormalEnd},
+             {{"0", "0", "3F", "0x", "FF"}, "KEL0022-E Ileagal Parameter. detail=Sub Page Code\n" + kAbnormalEnd},
+             {{"0", "0", "3F", "00", ""}, "KEL0022-E Ileagal Parameter. detail=Data Size\n" + kAbnormalEnd},
+             {{"0", "4", "3F", "00", "FF"}, sataRefusal},
+         }) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), "PDPrintModePage");
+        RunResult run = kelpth(args);
+        EXPECT_EQ(run.exitStatus, 1) << c.out;
+        EXPECT_EQ(run.out, c.out);
+    }
+    EXPECT_EQ(kelsim({"journal"}).out, "");
+    EXPECT_EQ(access((workDir + "/Cnt0Dev4.txt").c_str(), F_OK), -1);
+}
+
+TEST_F(ModePagePrint, ACheckConditionIsReportedAndNoBlockIsWritten) {
+    ASSERT_EQ(kelsim({"fault", "pass-status", "4", "--detail-hex", "700005000000000A000000002400"}).exitStatus, 0);
+    RunResult run = kelpth({"PDPrintModePage", "0", "0", "3F", "00", "FF"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:05  ASC:24  ASCQ:00\n" + kAbnormalEnd),
+              std::string::npos);
+    EXPECT_EQ(access((workDir + "/Cnt0Dev0.txt").c_str(), F_OK), -1);
+}
+
+class LogSenseReport : public FarmTest {};
+
+// Every SAS drive gets both titles (the MBA4SIM drive, whose family has no decoder, only
+// the title of page 0x32); the SATA drives only a trace line.
+TEST_F(LogSenseReport, WalksEverySasDriveAndSkipsSataDrivesInTheTrace) {
+    RunResult run = kelpth({"L"});
+    ASSERT_EQ(run.exitStatus, 0);
+    const std::vector<std::pair<int, int>> sasDrives = {{0, 0}, {0, 1}, {0, 2}, {0, 3}, {0, 6}, {1, 0}};
+    EXPECT_EQ(countOf(run.out, kPage31Title), sasDrives.size());
+    EXPECT_EQ(countOf(run.out, kPage32Title), sasDrives.size());
+    EXPECT_EQ(run.out.find("RAID Controller No.0\nPhysical Drive No.0\n\n"), 0u);
+    for (const auto &[controller, slot] : sasDrives) {
+        const std::string drive =
+            "RAID Controller No." + std::to_string(controller) + "\nPhysical Drive No." + std::to_string(slot) + "\n";
+        EXPECT_NE(run.out.find((slot != 0 ? "\n\n" : "") + drive + kPage31Title), std::string::npos) << drive;
+    }
+    EXPECT_EQ(run.out.find("Physical Drive No.4"), std::string::npos);
+    // Page 0x32 is asked with each family's length: 073 212, 147/300 308, 036 164.
+    for (const char *cdb : {"BB 00 4D 00 32 00 00 00  00 00 D4 00", "BB 01 4D 00 32 00 00 00  00 01 34 00",
+                            "BB 02 4D 00 32 00 00 00  00 01 34 00", "BB 03 4D 00 32 00 00 00  00 00 A4 00"}) {
+        EXPECT_NE(run.out.find(cdb), std::string::npos) << cdb;
+    }
+    EXPECT_EQ(run.out.find("BB 06 4D 00 32"), std::string::npos) << "no decoder, nothing asked";
+    EXPECT_NE(run.out.find("Physical Drive No.6\n" + kPage31Title), std::string::npos);
+    EXPECT_NE(run.out.find(kPage32Title + "RAID Controller No.1\nPhysical Drive No.0\n"), std::string::npos);
+
+    const std::string trace = traceLog();
+    for (const auto &[controller, slot] : std::vector<std::pair<int, int>>{{0, 4}, {0, 5}, {1, 1}}) {
+        const std::string skip = "[SATA] drive of controller[" + std::to_string(controller) + "] Hdd[" +
+                                 std::to_string(slot) + "] skipped for not supported [KelPrintLogsense] command.";
+        EXPECT_EQ(countOf(trace, skip), 1u) << skip;
+    }
+    EXPECT_EQ(countOf(run.out, "No.\t"), sasDrives.size());
+    EXPECT_EQ(countOf(run.out, "\n171\t"), sasDrives.size()) << "all 171 entries of every page 0x31";
+}
+
+// A drive whose page 0x31 fails gets its message and no page 0x32; the walk goes on and
+// the report still succeeds.
+TEST_F(LogSenseReport, AFailingDriveDoesNotStopTheWalk) {
+    ASSERT_EQ(kelsim({"fault", "pass-status", "4", "--detail-hex", "700003000000000A000000001100"}).exitStatus, 0);
+    RunResult run = kelpth({"L"});
+    EXPECT_EQ(run.exitStatus, 0);
+    const std::string firstDrive = "RAID Controller No.0\nPhysical Drive No.0\n" + kPage31Title + "[CDB] Size=12\n";
+    ASSERT_EQ(run.out.substr(0, firstDrive.size()), firstDrive);
+    const size_t failure = run.out.find("KEL0005-E Request sense data  KEY:03  ASC:11  ASCQ:00\n" + kAbnormalEnd +
+                                        "\nRAID Controller No.0\nPhysical Drive No.1\n");
+    EXPECT_NE(failure, std::string::npos) << run.out.substr(0, 600);
+    EXPECT_EQ(countOf(run.out, kPage32Title), 5u);
+}
+
+// The report of one drive, turned to UTF-8, against a text written out by hand: slot 3 (a
+// 036 drive) after a write, a read, a read past its end and a temperature kelsim set, with
+// the drives' clock held by KELSIM_NOW.
+TEST_F(LogSenseReport, OneDrivesReportTellsWhatItWentThrough) {
+    checkVolumesAtEnd = false; // slot 3 is a RAID 5 member written here behind its volume
+    const long long born = 1700000000;
+    auto at = [&](long long seconds, const char *binary, std::vector<std::string> args) {
+        args.insert(args.begin(), binary);
+        return run(args, {"KELSIM_NOW=" + std::to_string(seconds)});
+    };
+    ASSERT_EQ(at(born, KELPTH_BINARY, {"PDOneSectorWrite", "0", "3", "0x10"}).exitStatus, 0);
+    ASSERT_EQ(at(born + 60, KELPTH_BINARY, {"PDOneSectorRead", "0", "3", "0x10"}).exitStatus, 0);
+    const std::string before = at(born + 60, KELPTH_BINARY, {"L"}).out;
+    EXPECT_NE(before.find("Physical Drive No.3\n" + kPage31Title), std::string::npos);
+    ASSERT_EQ(at(born + 5400, KELPTH_BINARY, {"PDOneSectorRead", "0", "3", "0x043D6720"}).exitStatus, 1);
+    ASSERT_EQ(at(born + 5400, KELSIM_BINARY, {"temperature", "0", "3", "47"}).exitStatus, 0);
+    const RunResult report = at(born + 7200, KELPTH_BINARY, {"L"});
+    ASSERT_EQ(report.exitStatus, 0);
+
+    const size_t start = report.out.find("RAID Controller No.0\nPhysical Drive No.3\n");
+    const size_t end = report.out.find("\n\nRAID Controller No.", start);
+    ASSERT_NE(start, std::string::npos);
+    ASSERT_NE(end, std::string::npos);
+    std::string expected = "RAID Controller No.0\n"
+                           "Physical Drive No.3\n"
+                           "\n"
+                           "<<<Logpage31:過去にHDDが挙げたエラーログ>>>\n"
+                           "[CDB] Size=12\n" +
+                           kRule +
+                           "00000000: BB 03 4D 00 31 00 00 00  00 35 74 00              ..M.1....5t.\n"
+                           "\n"
+                           "No.\t累積(h)\t\tP-On(m)\t\tｾﾝｽﾃﾞｰﾀ\tLBA\t\tCDB\n"
+                           "001\t       1.50\t       1.50\t052100\t043D6720\t28\n";
+    char line[64];
+    for (int entry = 2; entry <= 171; ++entry) {
+        snprintf(line, sizeof line, "%03d\t       0.00\t       0.00\t000000\t00000000\t00\n", entry);
+        expected += line;
+    }
+    expected += "\n"
+                "<<<Logpage32:HDD SMART系ログ>>>\n"
+                "[CDB] Size=12\n" +
+                kRule +
+                "00000000: BB 03 4D 00 32 00 00 00  00 00 A4 00              ..M.2.......\n"
+                "\n"
+                "累積稼動時間[h]:       2.00\n"
+                "\n"
+                "リードしたセクタ数[Head0]:         1\n"
+                "現在のリードエラー数[Head0]:    0\n"
+                "前回のリードエラー数[Head0]:    0\n"
+                "過去ワーストエラー数:    0\n"
+                "\n"
+                "ライトしたセクタ数[Head0]:         1\n"
+                "現在のライトエラー数[Head0]:    0\n"
+                "前回のライトエラー数[Head0]:    0\n"
+                "過去ワーストエラー数:    0\n"
+                "\n"
+                "シークしたセクタ数[Head0]:         2\n"
+                "現在のシークエラー数[Head0]:    0\n"
+                "前回のシークエラー数[Head0]:    0\n"
+                "過去ワーストエラー数:    0\n"
+                "\n"
+                "残り交替セクタ数: 2000\n"
+                "\n"
+                "今回のスピンアップ時間[s]:   7\n"
+                "前回のスピンアップ時間[s]:   0\n"
+                "最大スピンアップ時間[s]:   7\n"
+                "最大時間を要した時の発生時間[h]:       0.00\n"
+                "\n"
+                "現在のCSS 回数:    1\n"
+                "\n"
+                "現在の装置温度: 47\n"
+                "過去最大温度: 47\n"
+                "最大温度を検出したときの時間[h]:       1.50\n"
+                "\n"
+                "現在の12V 電圧:12.0\n"
+                "最大電圧:12.0\n"
+                "最大電圧を検出したときの時間[h]:       0.00\n"
+                "最低電圧:12.0\n"
+                "最低電圧を検出したときの時間[h]:       0.00\n"
+                "\n"
+                "SMART ASC:00\n"
+                "SMART ASCQ:00\n"
+                "SMART 警告を検出した時間[h]:       0.00\n"
+                "\n";
+    EXPECT_EQ(toUtf8(report.out.substr(start, end + 1 - start)), expected);
+    EXPECT_NE(kelsim({"journal"}).out.find("kelsim temperature 47 ctl=0 pd=3"), std::string::npos);
+}
+
+// What kelsim sets on a drive shows in kelsim show, in the journal and in the next report.
+TEST_F(LogSenseReport, ConditionsSetWithKelsimReachTheReport) {
+    ASSERT_EQ(kelsim({"voltage", "0", "0", "11.8"}).exitStatus, 0);
+    ASSERT_EQ(kelsim({"smart-trip", "0", "1", "5D", "10"}).exitStatus, 0);
+    struct Refusal {
+        std::vector<std::string> args;
+        int status;
+    };
+    for (const Refusal &refusal : std::vector<Refusal>{{{"voltage", "0", "0", "9.5"}, 2},
+                                                       {{"temperature", "0", "0", "hot"}, 2},
+                                                       {{"temperature", "0", "4", "50"}, 1}, // a SATA drive
+                                                       {{"temperature", "0", "7", "50"}, 1}, // an empty slot
+                                                       {{"check-condition", "0", "0", "3B", "--after"}, 2},
+                                                       {{"image", "MBA4SIM", "12345", "x.bin"}, 2}}) {
+        EXPECT_EQ(kelsim(refusal.args).exitStatus, refusal.status) << refusal.args[0] << " " << refusal.args.back();
+    }
+    const std::string show = kelsim({"show"}).out;
+    EXPECT_NE(show.find("conditions: 35 C, 12 V at 11.8 V\n"), std::string::npos) << show;
+    EXPECT_NE(show.find("conditions: 35 C, 12 V at 12.0 V, SMART trip 5D/10\n"), std::string::npos) << show;
+    const std::string journal = kelsim({"journal"}).out;
+    EXPECT_EQ(journal, "1 kelsim voltage 11.8 ctl=0 pd=0\n2 kelsim smart-trip 5D 10 ctl=0 pd=1\n");
+
+    const std::string report = toUtf8(kelpth({"L"}).out);
+    const size_t slot0 = report.find("Physical Drive No.0");
+    const size_t slot1 = report.find("Physical Drive No.1");
+    const std::string first = report.substr(slot0, slot1 - slot0);
+    EXPECT_NE(first.find("現在の12V 電圧:11.8\n"), std::string::npos) << first;
+    EXPECT_NE(first.find("最低電圧:11.8\n"), std::string::npos);
+    // A 073 drive is asked for 212 bytes, which end before its SMART trip: slot 1 shows it.
+    const std::string second = report.substr(slot1, report.find("Physical Drive No.2") - slot1);
+    EXPECT_NE(second.find("SMART ASC:5D\nSMART ASCQ:10\n"), std::string::npos) << second;
+}
+
+class FirmwareDownload : public FarmTest {
+  protected:
+    // A firmware image from the sim's own tool.
+    void makeImage(const std::string &name, const std::string &product, const std::string &revision, size_t size) {
+        ASSERT_EQ(kelsim({"image", product, revision, name, "--size", std::to_string(size)}).exitStatus, 0);
+    }
+    // The revision INQUIRY gives through ANY ("12 00 00 00 24 00" to a SAS drive).
+    std::string inquiryRevision(const std::string &slot) {
+        writeFile("inquiry.txt", "// Controller No\n0\n// Drive No\n" + slot +
+                                     "\n// CDB\n120000002400\n// Direction\n0\n// Data Length\n0x24\n");
+        RunResult run = kelpth({"ANY", "inquiry.txt"});
+        EXPECT_EQ(run.exitStatus, 0) << run.out;
+        // Row 00000020 of the dump starts with the four revision bytes.
+        const size_t row = run.out.find("00000020: ");
+        if (row == std::string::npos) {
+            return "";
+        }
+        std::string revision;
+        for (int i = 0; i < 4; ++i) {
+            revision += static_cast<char>(std::stoi(run.out.substr(row + 10 + 3 * i, 2), nullptr, 16));
+        }
+        return revision;
+    }
+    std::string showLine(const std::string &product) {
+        const std::string show = kelsim({"show"}).out;
+        const size_t at = show.find(" " + product + " ");
+        return at == std::string::npos
+                   ? ""
+                   : show.substr(show.rfind('\n', at) + 1, show.find('\n', at) - show.rfind('\n', at) - 1);
+    }
+};
+
+TEST_F(FirmwareDownload, AnImageFromKelsimUpdatesTheSelectedDrivesOnly) {
+    makeImage("fw.bin", "MBA4SIM", "0202", 0x10001);
+    RunResult run = kelpth({"F", "fw.bin"});
+    ASSERT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_NE(run.out.find("Vendor ID:SIMDISK \nProduct ID:MBA4SIM         \nProduct Rev:0101\n\n"), std::string::npos)
+        << run.out;
+    EXPECT_EQ(countOf(run.out, "[CDB] Size=12\n"), countOf(run.out, "Product ID:")) << "one CDB per drive";
+    EXPECT_EQ(run.out.find("Product ID:SD"), std::string::npos);
+
+    const std::vector<std::string> pieces = journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer");
+    ASSERT_EQ(pieces.size(), 2u * countOf(run.out, "Product ID:"));
+    EXPECT_EQ(pieces[0], "KelPasWriteBuffer ctl=0 pd=6 if=0 dir=0 ata=0 cdb=BA 06 3B 07 00 00 00 00 01 00 00 00 "
+                         "len=65536 status=0 sense=-");
+    EXPECT_EQ(pieces[1], "KelPasWriteBuffer ctl=0 pd=6 if=0 dir=0 ata=0 cdb=BA 06 3B 07 00 01 00 00 00 00 01 00 "
+                         "len=1 status=0 sense=-");
+    EXPECT_EQ(countOf(traceLog(), "skipped for not supported [KelFirmwareUpdate] command."), 3u);
+
+    // The new revision from then on, in INQUIRY and in the farm's listing; the others keep theirs.
+    EXPECT_EQ(inquiryRevision("6"), "0202");
+    EXPECT_NE(showLine("MBA4SIM").find(" 0202 "), std::string::npos) << showLine("MBA4SIM");
+    EXPECT_EQ(inquiryRevision("0"), "0104");
+    RunResult again = kelpth({"F", "fw.bin"});
+    EXPECT_NE(again.out.find("Product Rev:0202\n"), std::string::npos) << "getPhysicalDriveInfo and INQUIRY agree";
+}
+
+TEST_F(FirmwareDownload, AFailureAtPieceThreeStopsTheDownloadAndKeepsTheOldFirmware) {
+    makeImage("fw.bin", "MBA4SIM", "0303", 0xC0000);
+    ASSERT_EQ(kelsim({"check-condition", "0", "6", "3B", "--after", "2"}).exitStatus, 0);
+    EXPECT_NE(kelsim({"show"}).out.find("check condition 04/44/00 for opcode 3B after 2 more"), std::string::npos);
+    RunResult run = kelpth({"F", "fw.bin"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:04  ASC:44  ASCQ:00\n" + kAbnormalEnd), std::string::npos)
+        << run.out;
+    const std::string journal = kelsim({"journal"}).out;
+    const std::vector<std::string> pieces = journalRows(journal, "KelPasWriteBuffer");
+    ASSERT_EQ(pieces.size(), 3u);
+    EXPECT_NE(pieces[2].find("cdb=BA 06 3B 07 00 02 00 00 01 00 00 00 len=65536 status=4 sense=04/44/00"),
+              std::string::npos)
+        << pieces[2];
+    EXPECT_NE(journal.find("kelsim check-condition 3B after 2 sense 04/44/00 ctl=0 pd=6"), std::string::npos)
+        << journal;
+    EXPECT_EQ(inquiryRevision("6"), "0101");
+
+    // An image for another product is refused when it completes; the old firmware stays.
+    makeImage("other.bin", "SD1K073RC", "0909", 0x20000);
+    run = kelpth({"F", "other.bin"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:05  ASC:26  ASCQ:00\n"), std::string::npos) << run.out;
+    EXPECT_EQ(inquiryRevision("6"), "0101");
+}
+
+TEST_F(FirmwareDownload, ALongFileIsCutAndAnEmptyOneSendsNothing) {
+    // An image of 1 MiB is cut at 0xC0000 bytes: twelve pieces, and an image the drive never
+    // sees complete, so it keeps its firmware.
+    makeImage("big.bin", "MBA4SIM", "0404", 0x100000);
+    ASSERT_EQ(kelpth({"F", "big.bin"}).exitStatus, 0);
+    std::vector<std::string> pieces = journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer");
+    ASSERT_EQ(pieces.size(), 12u);
+    EXPECT_NE(pieces[11].find("cdb=BA 06 3B 07 00 0B 00 00 01 00 00 00 len=65536"), std::string::npos) << pieces[11];
+    EXPECT_EQ(inquiryRevision("6"), "0101");
+
+    ASSERT_EQ(kelsim({"journal", "--clear"}).exitStatus, 0);
+    writeFile("empty.bin", "");
+    RunResult run = kelpth({"F", "empty.bin"});
+    EXPECT_EQ(run.exitStatus, 0);
+    EXPECT_NE(run.out.find("Product ID:MBA4SIM         \n"), std::string::npos);
+    EXPECT_EQ(run.out.find("[CDB]"), std::string::npos);
+    EXPECT_TRUE(journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer").empty());
+}
+
+TEST_F(FirmwareDownload, AFileThatCannotBeFoundOrRead) {
+    RunResult run = kelpth({"F", "missing.bin"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.out, "KEL0004-E realpath() failed. detail=No such file or directory\n" + kAbnormalEnd);
+    if (geteuid() != 0) { // the superuser reads any file
+        writeFile("locked.bin", std::string(16, 'x'));
+        ASSERT_EQ(chmod((workDir + "/locked.bin").c_str(), 0), 0);
+        run = kelpth({"F", "locked.bin"});
+        EXPECT_EQ(run.exitStatus, 1);
+        EXPECT_EQ(run.out, "KEL0008-E Firmware data file open error. errno=13\n" + kAbnormalEnd);
+    }
+    EXPECT_TRUE(journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer").empty());
+}
+
+} // namespace
