@@ -4,6 +4,7 @@
 
 #include "kelctl.h"
 #include "kelpth.h"
+#include "pass_request.h"
 
 #include <stdint.h>
 
@@ -11,20 +12,8 @@
 
 namespace kelsim {
 
-enum class PassFunction {
-    ReadExtend,
-    WriteExtend,
-    ReadSectorExt,
-    WriteSectorExt,
-    AnyCommand,
-    Inquiry,
-    LogSense,
-    ModeSense,
-    ModeSelect,
-    ReadLong,
-    WriteLong,
-    WriteBuffer,
-};
+// The twelve KelPas* functions, as both implementations of the library name them.
+using kelcommon::PassFunction;
 
 } // namespace kelsim
 

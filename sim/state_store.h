@@ -3,6 +3,7 @@
 #pragma once
 
 #include "device.h"
+#include "journal.h"
 
 #include <cstdint>
 #include <functional>
@@ -13,23 +14,6 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 namespace kelsim {
-
-// One pass-through call as the journal keeps it.
-struct JournalEntry {
-    std::string function;
-    bool hasRequest = false; // false when the request pointer was null
-    uint32_t interfaceType = 0;
-    uint32_t targetKind = 0;
-    uint8_t controllerNo = 0;
-    uint8_t driveNo = 0;
-    uint8_t direction = 0;
-    uint8_t ataCommandFlag = 0;
-    std::vector<uint8_t> cdb; // cdbLength bytes, at most 16
-    uint32_t dataLength = 0;
-    int status = 0;
-    bool hasSense = false;
-    uint8_t senseKey = 0, asc = 0, ascq = 0;
-};
 
 // A fault scripted by "kelsim fault", used up by the next matching library call.
 struct ScriptedFault {
