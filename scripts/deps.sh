@@ -2,7 +2,8 @@
 # Installs what kelpth needs to build, test and benchmark on Debian 12 (run as root), or
 # the Debian packages named as arguments.
 set -euo pipefail
-packages=(cmake g++ make pkg-config libsqlite3-dev sqlite3 libgtest-dev googletest clang xxd hyperfine valgrind time)
+packages=(cmake g++ make pkg-config libsqlite3-dev sqlite3 libgtest-dev googletest clang xxd hyperfine valgrind time
+  dpkg-dev file debootstrap groff-base man-db)
 (($#)) && packages=("$@")
 missing=()
 for p in "${packages[@]}"; do

@@ -75,6 +75,10 @@ int show(const std::string &stateDir) {
     }
     StateStore &store = farm.store();
     StoreTransaction reading(store, false);
+    if (!reading.active()) {
+        // A corrupt or unreadable state.db: say so rather than show every drive as unwritten.
+        return failure("cannot read the state in " + stateDir + ": " + store.lastError());
+    }
     printf("state folder %s\n", stateDir.c_str());
     const Topology &topology = farm.topology();
     for (size_t c = 0; c < topology.controllers.size(); c++) {
@@ -89,21 +93,18 @@ int show(const std::string &stateDir) {
             const DriveIdentity &id = slot.identity;
             int ld = logicalDriveOfSlot(controller, s);
             std::string role = ld >= 0 ? "ld" + std::to_string(ld) : "unassigned";
-            uint64_t written = reading.active() ? store.storedBlockCount(driveKey(static_cast<int>(c), s)) : 0;
+            uint64_t written = store.storedBlockCount(driveKey(static_cast<int>(c), s));
             // MODE SELECT (SAS) or SET MAX ADDRESS EXT (SATA) may have changed the capacity since.
             std::string changed, revision = id.revision, conditions;
-            if (reading.active()) {
-                StoredSettings settings(store, driveKey(static_cast<int>(c), s));
-                const uint64_t now =
-                    id.interface == DriveInterface::Sas ? sasDriveBlocks(id, settings) : sataUserBlocks(id, settings);
-                if (now != id.nativeBlocks) {
-                    changed = "  now " + std::to_string(now) + " blocks";
-                }
-                if (id.interface == DriveInterface::Sas) {
-                    revision = sasDriveRevision(id, settings); // a firmware download changes it
-                    conditions =
-                        "          conditions: " + describeSlotConditions(store, static_cast<int>(c), s) + "\n";
-                }
+            StoredSettings settings(store, driveKey(static_cast<int>(c), s));
+            const uint64_t now =
+                id.interface == DriveInterface::Sas ? sasDriveBlocks(id, settings) : sataUserBlocks(id, settings);
+            if (now != id.nativeBlocks) {
+                changed = "  now " + std::to_string(now) + " blocks";
+            }
+            if (id.interface == DriveInterface::Sas) {
+                revision = sasDriveRevision(id, settings); // a firmware download changes it
+                conditions = "          conditions: " + describeSlotConditions(store, static_cast<int>(c), s) + "\n";
             }
             printf("  slot %d  %-4s  %-8s  %-16s  %-4s  %-12s  %" PRIu64 " blocks (%s)  %s  written %" PRIu64
                    " blocks%s\n",

@@ -6,6 +6,10 @@
 #include "pass_through.h"
 #include "trace_writer.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
 namespace {
 
 kelsim::Farm &farm() {
@@ -26,7 +30,14 @@ kelsim::TraceLogWriter &traceLog() {
 } // namespace
 
 int kelsim_initLog(const char *logFileName, uint32_t maxSize) {
-    return traceLog().open(logFileName, maxSize) ? 1 : 0;
+    if (traceLog().open(logFileName, maxSize)) {
+        return 1;
+    }
+    // The program goes on without a trace; say why there is none.
+    const int openError = errno;
+    fprintf(stderr, "kelsim: no trace log: cannot open %s: %s\n", logFileName != nullptr ? logFileName : "(null)",
+            strerror(openError));
+    return 0;
 }
 
 int kelsim_dumpLog(const char *module, uint32_t line, const char *text, const void *data, uint32_t dataLength) {

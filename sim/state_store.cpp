@@ -293,7 +293,7 @@ bool StateStore::commit() {
     failpoint(failpoint_step::kBeforeCommit);
     inTransaction_ = false;
     if (!exec("COMMIT")) {
-        exec("ROLLBACK");
+        rollback(); // keeps the commit's error (a full disk, say) as the one reported
         return false;
     }
     return true;

@@ -94,7 +94,12 @@ void showCdb(const PassThroughRequest &request) {
 
 int sendDataIn(const char *module, int line, DataInCall call, PassThroughRequest *request, void *data,
                uint32_t *dataLength, SenseArea *sense) {
+    const uint32_t bufferSize = *dataLength;
     const int status = call(request, data, dataLength, sense->bytes, &sense->size);
+    // A library may report more than it was given room for; nothing past the buffer is used.
+    if (*dataLength > bufferSize) {
+        *dataLength = bufferSize;
+    }
     if (status != 0) {
         return KelIsErr(module, line, static_cast<uint32_t>(status), sense->bytes);
     }

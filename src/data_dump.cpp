@@ -9,6 +9,7 @@
 
 #include "kelctl.h"
 #include "kelpth/messages.h"
+#include "kelpth/trace.h"
 
 namespace {
 
@@ -86,7 +87,7 @@ uint32_t KelPasPrintData(const char *title, const uint8_t *data, uint32_t size, 
         }
     }
     if (strncmp(title, "CDB", 3) == 0) {
-        dumpLog(nullptr, 0, "## CDB", data, size);
+        writeTraceEntry(nullptr, 0, "## CDB", data, size);
     }
     return startRow + rows;
 }

@@ -44,8 +44,8 @@ bool isCommandWord(const FuncTblEntry &entry, const char *word) {
     return strncmp(entry.name, word, length) == 0 && strlen(word) == length;
 }
 
-// Everything between the signal set-up and the closing of the controller library.
-// Returns the exit status.
+} // namespace
+
 int dispatchCommand(int argc, char **argv) {
     if (argc < 2) {
         KelPthErr0000(KEL_HERE);
@@ -93,13 +93,12 @@ int dispatchCommand(int argc, char **argv) {
     return 0;
 }
 
-} // namespace
-
 int KelPthMain(int argc, char **argv) {
     initLog("kelpth.log", 2000000);
     HistoryLog(argc, argv);
     signal_setup();
     const int status = dispatchCommand(argc, argv);
+    awaitSignalEnd();
     finContData();
     return status;
 }

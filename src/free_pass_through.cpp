@@ -136,11 +136,7 @@ int32_t KelFreAnyPassThrough() {
     if (request.direction == KEL_DIR_OUT) {
         showCdb(request);
         uint32_t sentLength = dataLength;
-        const int status = KelPasAnyCommand(&request, writeData.get(), &sentLength, sense.bytes, &sense.size);
-        if (status != 0) {
-            return KelIsErr(KEL_HERE, static_cast<uint32_t>(status), sense.bytes);
-        }
-        return 1;
+        return sendDataIn(KEL_HERE, KelPasAnyCommand, &request, writeData.get(), &sentLength, &sense);
     }
 
     uint8_t *allocated = nullptr;
@@ -150,13 +146,10 @@ int32_t KelFreAnyPassThrough() {
     DataBuffer readData(allocated);
     showCdb(request);
     uint32_t receivedLength = dataLength;
-    const int status = KelPasAnyCommand(&request, readData.get(), &receivedLength, sense.bytes, &sense.size);
-    if (status != 0) {
-        return KelIsErr(KEL_HERE, static_cast<uint32_t>(status), sense.bytes);
+    if (sendDataIn(KEL_HERE, KelPasAnyCommand, &request, readData.get(), &receivedLength, &sense) == 0) {
+        return 0;
     }
-    // The library says how much came back; never show more than the buffer holds.
-    const uint32_t shown = receivedLength < dataLength ? receivedLength : dataLength;
-    KelPasPrintData("Command Result", readData.get(), shown, 0, static_cast<int32_t>(shown));
+    KelPasPrintData("Command Result", readData.get(), receivedLength, 0, static_cast<int32_t>(receivedLength));
     printf("\n");
     return 1;
 }

@@ -139,9 +139,7 @@ int transferStripeHalves(const char *module, int line, PassThroughRequest *reque
             return 0;
         }
         if (reading) {
-            // Never show more than the buffer holds, whatever length the library reports.
-            const uint32_t shown = dataLength < kStripeHalfBytes ? dataLength : kStripeHalfBytes;
-            rowsShown = KelPasPrintData("Read Command(1 Stripe)", buffer.get(), shown, rowsShown,
+            rowsShown = KelPasPrintData("Read Command(1 Stripe)", buffer.get(), dataLength, rowsShown,
                                         static_cast<int32_t>(kStripeBytes));
         }
     }

@@ -79,7 +79,7 @@ int reportPlain(const char *module, int line, const char *text) {
     puts(text);
     char traceText[kTraceLineSize] = {};
     snprintf(traceText, sizeof traceText, "%s\n", text);
-    return dumpLog(module, static_cast<uint32_t>(line), traceText, nullptr, 0);
+    return writeTraceEntry(module, static_cast<uint32_t>(line), traceText, nullptr, 0);
 }
 
 // A message with arguments: formatted once, the same text on the screen and in the trace.
@@ -90,7 +90,7 @@ __attribute__((format(printf, 3, 4))) int reportFormatted(const char *module, in
     vsnprintf(text, sizeof text, fmt, args);
     va_end(args);
     printf("%s", text);
-    return dumpLog(module, static_cast<uint32_t>(line), text, nullptr, 0);
+    return writeTraceEntry(module, static_cast<uint32_t>(line), text, nullptr, 0);
 }
 
 // The detail area as a terminated text of at most its 260 bytes.

@@ -173,14 +173,11 @@ int32_t KelFreAnyPassThrough_SATA() {
     }
 
     showCdb(request);
-    uint32_t transferLength = dataLength;
-    const int status = KelPasAnyCommand(&request, data.get(), &transferLength, sense.bytes, &sense.size);
-    if (status != 0) {
-        return KelIsErr(KEL_HERE, static_cast<uint32_t>(status), sense.bytes);
+    uint32_t received = dataLength;
+    if (sendDataIn(KEL_HERE, KelPasAnyCommand, &request, data.get(), &received, &sense) == 0) {
+        return 0;
     }
     if (request.direction == KEL_DIR_IN) {
-        // The library says how much came back; never touch more than the buffer holds.
-        const uint32_t received = data != nullptr && transferLength < dataLength ? transferLength : dataLength;
         if (swapWords == 1 && endianChange(0, data.get(), received, data.get()) == 0) {
             return 0;
         }

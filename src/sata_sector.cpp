@@ -137,9 +137,7 @@ int32_t KelPDOneSectorRead_SATA() {
     if (!sendDataIn(KEL_HERE, KelPasReadSectorExt, &request, buffer, &dataLength, &sense)) {
         return 0;
     }
-    // The library says how much came back; never show more than the buffer holds.
-    const uint32_t shown = dataLength < kSectorSize ? dataLength : kSectorSize;
-    KelPasPrintData("Read Command(1 Sector)", buffer, shown, 0, static_cast<int32_t>(dataLength));
+    KelPasPrintData("Read Command(1 Sector)", buffer, dataLength, 0, static_cast<int32_t>(dataLength));
     printf("\n");
     return 1;
 }

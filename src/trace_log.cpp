@@ -1,23 +1,38 @@
-// Trace-log lines, the run-history line written at start-up, and the signal handlers.
+// Trace-log lines and the run-history line written at start-up. Every entry the program
+// writes goes through writeTraceEntry, so entries never interleave inside the library.
 #define KEL_MODULE "KelPthCmd"
 #include "kelpth/trace.h"
 
 #include <climits>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include <mutex>
+
 #include "kelctl.h"
-#include "kelpth/messages.h"
 
 char traceBuff[kTraceLineSize];
+
+namespace {
+// Recursive, so that the signal watcher can hold it across the entries it writes.
+std::recursive_timed_mutex traceLogMutex;
+} // namespace
+
+int writeTraceEntry(const char *module, uint32_t line, const char *text, const void *data, uint32_t dataLength) {
+    const std::lock_guard<std::recursive_timed_mutex> hold(traceLogMutex);
+    return dumpLog(module, line, text, data, dataLength);
+}
+
+bool holdTraceLog(int milliseconds) {
+    return traceLogMutex.try_lock_for(std::chrono::milliseconds(milliseconds));
+}
 
 void traceCall(const char *functionName) {
     char line[kTraceLineSize] = {};
     snprintf(line, sizeof line, "CALL - %s()", functionName);
-    dumpLog(nullptr, 0, line, nullptr, 0);
+    writeTraceEntry(nullptr, 0, line, nullptr, 0);
 }
 
 void traceLine(const char *fmt, ...) {
@@ -26,7 +41,7 @@ void traceLine(const char *fmt, ...) {
     va_start(args, fmt);
     vsnprintf(line, sizeof line, fmt, args);
     va_end(args);
-    dumpLog(nullptr, 0, line, nullptr, 0);
+    writeTraceEntry(nullptr, 0, line, nullptr, 0);
 }
 
 namespace {
@@ -56,32 +71,5 @@ void HistoryLog(int argc, char **argv) {
             appendCut(line, " ");
         }
     }
-    dumpLog(nullptr, 0, line, nullptr, 0);
-}
-
-void signal_setup() {
-    memset(traceBuff, 0, sizeof traceBuff);
-    snprintf(traceBuff, sizeof traceBuff, "CALL - %s()", "signal_setup");
-    dumpLog(nullptr, 0, traceBuff, nullptr, 0);
-    signal(SIGINT, signal_handler);
-    signal(SIGSEGV, signal_handler);
-    signal(SIGTERM, signal_handler);
-    signal(SIGHUP, signal_handler);
-}
-
-// An interrupt leaves only its trace line and exits 1; the other signals report on the
-// screen and exit 0. The controller library is not closed on either path.
-void signal_handler(int signalNumber) {
-    char line[kTraceLineSize] = {};
-    memset(traceBuff, 0, sizeof traceBuff);
-    snprintf(traceBuff, sizeof traceBuff, "CALL - %s()", "signal_handler");
-    dumpLog(nullptr, 0, traceBuff, nullptr, 0);
-    const uint32_t detail = static_cast<uint32_t>(signalNumber) - 0x20000000u;
-    if (signalNumber == SIGINT) {
-        snprintf(line, sizeof line, "KEL0004-E %s() failed. detail=0x%08x\n", "signal_handler", detail);
-        dumpLog(KEL_HERE, line, nullptr, 0);
-        exit(1);
-    }
-    KelPthErr0004d(KEL_HERE, "signal_handler", detail);
-    exit(0);
+    writeTraceEntry(nullptr, 0, line, nullptr, 0);
 }

@@ -55,7 +55,7 @@ using DataOutCall = int (*)(PassThroughRequest *, void *, uint32_t, uint8_t *, u
 
 // Sends one request. A nonzero status goes to KelIsErr (its message and KEL0002) and the
 // result is 0; status 0 gives 1. For data-in calls *dataLength holds the buffer size
-// before and the bytes transferred after the call.
+// before and the bytes transferred after the call, never more than the buffer size.
 int sendDataIn(const char *module, int line, DataInCall call, PassThroughRequest *request, void *data,
                uint32_t *dataLength, SenseArea *sense);
 int sendDataOut(const char *module, int line, DataOutCall call, PassThroughRequest *request, void *data,

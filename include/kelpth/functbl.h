@@ -46,3 +46,7 @@ extern FuncTblEntry functbl[kTblTerminator + 1];
 
 // Runs one command: everything main does, returning the exit status.
 int KelPthMain(int argc, char **argv);
+// The part of KelPthMain between the signal set-up and the closing of the controller
+// library: match the command word, check the argument count, open the library, call the
+// handler. Returns the exit status.
+int dispatchCommand(int argc, char **argv);

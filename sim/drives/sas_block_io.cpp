@@ -95,9 +95,14 @@ ScsiResult SasDrive::verify(const Request &request) {
         medium_.read(range.lba + done, blocks, chunk.data());
         for (uint32_t i = 0; i < blocks; ++i) {
             const uint8_t *want = byteCheck == 0x01 ? expected + (done + i) * kBlockSize : expected;
-            if (std::memcmp(want, &chunk[i * kBlockSize], kBlockSize) != 0) {
+            const uint8_t *have = &chunk[i * kBlockSize];
+            if (std::memcmp(want, have, kBlockSize) != 0) {
+                // INFORMATION: the offset in the Data-Out Buffer of the first byte that differs.
+                const uint32_t firstDiffering =
+                    static_cast<uint32_t>(std::mismatch(want, want + kBlockSize, have).first - want);
+                const uint64_t blockOffset = byteCheck == 0x01 ? (done + i) * kBlockSize : 0;
                 ScsiResult result = checkCondition(kSenseMiscompare, kAscMiscompareDuringVerify, 0);
-                setInformation(&result, static_cast<uint32_t>((done + i) * kBlockSize));
+                setInformation(&result, static_cast<uint32_t>(blockOffset + firstDiffering));
                 result.transferred = static_cast<uint32_t>(sentBytes);
                 return result;
             }

@@ -4,39 +4,15 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
 const std::string kRule = std::string(77, '-') + "\n";
 const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
-
-const std::string kUsage =
-    "KEL000-I The mistake is found in the parameter.\n"
-    "------------------------------------------------------------------------\n"
-    "kelpth L\n"
-    "kelpth F <firmware filename>\n"
-    "kelpth P <parameter filename>\n"
-    "kelpth E <parameter filename>\n"
-    "kelpth N <parameter filename>\n"
-    "kelpth R <parameter filename>\n"
-    "kelpth W <parameter filename>\n"
-    "kelpth D <ControllerNo> <PhysicalDriveNo> <Address> <Save Filename>\n"
-    "kelpth r <ControllerNo> <LogicalDriveNo> <Address>\n"
-    "kelpth w <ControllerNo> <LogicalDriveNo> <Address> <DataHDD>\n"
-    "kelpth ANY <parameter filename>\n"
-    "kelpth PDOneSectorRead <ControllerNo> <PhysicalDriveNo> <Address>\n"
-    "kelpth PDPrintModePage <ControllerNo> <PhysicalDriveNo> <PageCode> <SubPageCode> <DataSize> \n"
-    "kelpth PDOneSectorWrite <ControllerNo> <PhysicalDriveNo> <Address>\n"
-    "kelpth PDHDDCapaChange <ControllerNo> <PhysicalDriveNo> <Capacity>\n"
-    "kelpth LDOneSectorRead <ControllerNo> <LogicalDriveNo> <Address>\n"
-    "kelpth LDOneSectorWrite <ControllerNo> <LogicalDriveNo> <Address>\n"
-    "kelpth N5 <parameter filename>\n"
-    "kelpth r64 <ControllerNo> <LogicalDriveNo> <Address>\n"
-    "kelpth w64 <ControllerNo> <LogicalDriveNo> <Address> <DataHDD>\n"
-    "kelpth A <parameter filename>\n"
-    "kelpth e <parameter filename>\n"
-    "------------------------------------------------------------------------\n";
 
 // The dump of one 512-byte sector whose every byte is 0x5A ('Z').
 std::string sectorOfZ() {
@@ -55,17 +31,56 @@ std::string twelveByteCdb(const std::string &row) {
 
 class Dispatcher : public FarmTest {};
 
+// The usage screen: the short-coded message, then the block of command lines between two
+// rules of 72 dashes. Returns the command lines.
+std::vector<std::string> usageLines(const std::string &screen) {
+    const std::string rule(72, '-');
+    const std::string head = "KEL000-I The mistake is found in the parameter.\n" + rule + "\n";
+    EXPECT_EQ(screen.rfind(head, 0), 0u) << screen;
+    EXPECT_EQ(screen.size() - screen.rfind(rule + "\n"), rule.size() + 1) << "the block ends with the rule";
+    std::vector<std::string> lines;
+    std::istringstream in(screen.substr(head.size()));
+    for (std::string line; std::getline(in, line) && line != rule;) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 TEST_F(Dispatcher, UsageErrorsNeverOpenTheController) {
     // With no controller at all, a usage error must still be a usage error.
     ASSERT_EQ(kelsim({"fault", "no-controller", "--count", "9"}).exitStatus, 0);
-    for (const auto &args : std::vector<std::vector<std::string>>{
-             {}, {"l"}, {"LX"}, {"L", "extra"}, {"P"}, {"PDOneSectorRead", "0", "0"}}) {
+    const std::string usage = kelpth({}).out;
+    EXPECT_EQ(usageLines(usage).size(), 22u);
+    for (const auto &args :
+         std::vector<std::vector<std::string>>{{"l"}, {"LX"}, {"L", "extra"}, {"P"}, {"PDOneSectorRead", "0", "0"}}) {
         RunResult run = kelpth(args);
         EXPECT_EQ(run.exitStatus, 1);
-        EXPECT_EQ(run.out, kUsage) << "arguments: " << args.size();
+        EXPECT_EQ(run.out, usage) << "arguments: " << args.size();
     }
     EXPECT_NE(traceLog().find("KEL000-I The mistake is found in the parameter.\n"), std::string::npos);
     EXPECT_EQ(traceLog().find("kelpth L\n"), std::string::npos) << "the usage block is screen-only";
+}
+
+TEST_F(Dispatcher, UsageLinesGiveTheArgumentCountsTheDispatcherTakes) {
+    // Each line, run as it reads (placeholders for the arguments), gets past the argument
+    // check; one argument more or one fewer gets the usage again.
+    ASSERT_EQ(kelsim({"fault", "no-controller", "--count", "100"}).exitStatus, 0);
+    const std::string usage = kelpth({}).out;
+    for (const std::string &line : usageLines(usage)) {
+        std::istringstream words(line);
+        std::string program, word;
+        words >> program >> word;
+        EXPECT_EQ(program, "kelpth");
+        // One argument per placeholder: "<Save Filename>" is one.
+        std::vector<std::string> args = {word};
+        args.resize(1 + static_cast<size_t>(std::count(line.begin(), line.end(), '<')), "0");
+        EXPECT_NE(kelpth(args).out, usage) << line;
+        args.push_back("0");
+        EXPECT_EQ(kelpth(args).out, usage) << line << " with one more";
+        args.pop_back();
+        args.pop_back();
+        EXPECT_EQ(kelpth(args).out, usage) << line << " with one fewer";
+    }
 }
 
 TEST_F(Dispatcher, StartUpFailuresOfTheControllerLibrary) {

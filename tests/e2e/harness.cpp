@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -42,7 +43,7 @@ void FarmTest::TearDown() {
     }
 }
 
-RunResult FarmTest::run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
+Running FarmTest::start(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
     std::vector<std::string> env = {"KELSIM_DIR=" + stateDir, "PATH=/usr/bin:/bin", "LC_ALL=C"};
     for (const char *keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LD_LIBRARY_PATH", "HOME"}) {
         bool overridden = false;
@@ -53,7 +54,13 @@ RunResult FarmTest::run(const std::vector<std::string> &args, const std::vector<
             env.push_back(std::string(keep) + "=" + value);
         }
     }
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+    // An extra entry replaces the default of the same name.
+    for (const auto &extra : extraEnv) {
+        const std::string name = extra.substr(0, extra.find('=') + 1);
+        env.erase(std::remove_if(env.begin(), env.end(), [&](const std::string &e) { return e.rfind(name, 0) == 0; }),
+                  env.end());
+        env.push_back(extra);
+    }
 
     // Standard error goes to a file so that a chatty child never blocks on a full pipe.
     std::string errPath = workDir + "/.stderr";
@@ -86,17 +93,28 @@ RunResult FarmTest::run(const std::vector<std::string> &args, const std::vector<
         _exit(127);
     }
     close(outPipe[1]);
+    return Running{pid, outPipe[0]};
+}
+
+RunResult FarmTest::finish(Running running, std::string alreadyRead) {
     RunResult result;
-    result.out = slurpFd(outPipe[0]);
-    close(outPipe[0]);
+    if (running.pid < 0) {
+        return result;
+    }
+    result.out = std::move(alreadyRead) + slurpFd(running.outFd);
+    close(running.outFd);
     int status = 0;
-    waitpid(pid, &status, 0);
+    waitpid(running.pid, &status, 0);
     result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    std::ifstream errFile(errPath);
+    std::ifstream errFile(workDir + "/.stderr");
     std::stringstream errText;
     errText << errFile.rdbuf();
     result.err = errText.str();
     return result;
+}
+
+RunResult FarmTest::run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
+    return finish(start(args, extraEnv));
 }
 
 RunResult FarmTest::kelpth(const std::vector<std::string> &args) {
@@ -109,6 +127,13 @@ RunResult FarmTest::kelsim(const std::vector<std::string> &args) {
     std::vector<std::string> full = {KELSIM_BINARY};
     full.insert(full.end(), args.begin(), args.end());
     return run(full);
+}
+
+void FarmTest::expectSoundDatabase(const std::string &folder) {
+    const std::string database = (folder.empty() ? stateDir : folder) + "/state.db";
+    const RunResult check = run({"/usr/bin/sqlite3", database, "PRAGMA integrity_check;"});
+    EXPECT_NE(check.exitStatus, 127) << "sqlite3 is missing: scripts/deps.sh installs it";
+    EXPECT_EQ(check.out, "ok\n") << database << ": " << check.err;
 }
 
 std::string FarmTest::readFile(const std::string &name) const {
@@ -129,6 +154,15 @@ std::string repeatByte(const std::string &hexByte, int count) {
         text += hexByte + " ";
     }
     return text;
+}
+
+int patternRows(const std::string &dump) {
+    int rows = 0;
+    for (size_t at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A"); at != std::string::npos;
+         at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A", at + 1)) {
+        rows++;
+    }
+    return rows;
 }
 
 // A parameter file from its value lines, each preceded by a comment line.

@@ -13,6 +13,12 @@ struct RunResult {
     std::string err;     // standard error
 };
 
+// A child started by FarmTest::start: its process and the read end of its standard output.
+struct Running {
+    int pid = -1;
+    int outFd = -1;
+};
+
 class FarmTest : public ::testing::Test {
   protected:
     void SetUp() override;
@@ -22,12 +28,20 @@ class FarmTest : public ::testing::Test {
     RunResult kelpth(const std::vector<std::string> &args);
     // Runs kelsim with these arguments in workDir.
     RunResult kelsim(const std::vector<std::string> &args);
-    // Runs any program with the farm's environment; args[0] is the program.
+    // Runs any program with the farm's environment, extraEnv's entries added or replacing
+    // those of the same name; args[0] is the program.
     RunResult run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {});
+    // The same in two halves, for a test that acts while the child runs: start it, then
+    // collect the rest of its output (after what the test read itself) and its status.
+    Running start(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {});
+    RunResult finish(Running running, std::string alreadyRead = "");
 
     std::string readFile(const std::string &name) const; // relative to workDir
     void writeFile(const std::string &name, const std::string &content) const;
     std::string traceLog() const { return readFile("kelpth.log"); }
+    // SQLite's own check of a state database (the farm's by default) must say ok. sqlite3
+    // is one of the build's dependencies: a missing one fails the test, never skips it.
+    void expectSoundDatabase(const std::string &folder = "");
 
     bool checkVolumesAtEnd = true; // "kelsim check" must pass when the test ends
     std::string workDir;           // the current directory of every run
@@ -36,6 +50,8 @@ class FarmTest : public ::testing::Test {
 
 // "5A 5A ..." style check helpers.
 std::string repeatByte(const std::string &hexByte, int count);
+// Rows of a data dump that show the written pattern 0x5A.
+int patternRows(const std::string &dump);
 
 // A parameter file from its value lines, each preceded by a comment line.
 std::string paramFile(const std::vector<std::string> &values);

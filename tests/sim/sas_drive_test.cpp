@@ -492,7 +492,7 @@ TEST_F(SasDriveTest, VerifyComparesAndReportLunsListsOneUnit) {
     differing[700] = 0;
     ScsiResult result = out(verify, differing);
     EXPECT_EQ(key(result), 0x0E);
-    EXPECT_EQ(information(result), 512u);
+    EXPECT_EQ(information(result), 700u) << "the offset of the first differing byte";
 
     Bytes data;
     in({0xA0, 0, 0, 0, 0, 0, 0, 0, 0x01, 0, 0, 0}, &data);

@@ -1,12 +1,15 @@
-// The run-history line's bounds and the exit of each handled signal.
+// The run-history line's bounds, and the screen, trace and exit of each handled signal.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "kelctl.h"
 #include "kelpth/trace.h"
 
 namespace {
@@ -28,47 +31,88 @@ TEST(HistoryLog, LongCommandLineIsCutInsideItsBuffer) {
     HistoryLog(1, alone);
 }
 
-// Runs signal_handler in a child whose screen goes to a pipe; gives the exit status.
-int handleSignalInChild(int signalNumber, std::string *screen) {
+// How a child meets the signal: delivered after signal_setup (the watcher reports it),
+// or handed straight to signal_handler with no watcher running.
+enum class Delivery { Raised, DirectCall };
+
+struct SignalRun {
+    int exitStatus = -1;
+    std::string screen;
+    std::string log;
+};
+
+// Runs a child in a folder of its own whose screen goes to a pipe; gives its exit status,
+// screen and trace log.
+SignalRun handleSignalInChild(int signalNumber, Delivery delivery) {
+    SignalRun run;
+    char folder[] = "/tmp/kelpth-signal-XXXXXX";
     int pipeFds[2];
-    if (pipe(pipeFds) != 0) {
-        return -1;
+    if (mkdtemp(folder) == nullptr || pipe(pipeFds) != 0) {
+        return run;
     }
     fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
         dup2(pipeFds[1], STDOUT_FILENO);
         close(pipeFds[0]);
-        signal_handler(signalNumber);
-        _exit(99); // not reached: the handler ends the process
+        if (chdir(folder) != 0) {
+            _exit(98);
+        }
+        initLog("kelpth.log", 0);
+        if (delivery == Delivery::Raised) {
+            signal_setup();
+            printf("buffered before the signal\n");
+            raise(signalNumber);
+            awaitSignalEnd();
+        } else {
+            signal_handler(signalNumber);
+        }
+        _exit(99); // not reached: the signal ends the process
     }
     close(pipeFds[1]);
     char chunk[512];
     ssize_t got = 0;
     while ((got = read(pipeFds[0], chunk, sizeof chunk)) > 0) {
-        screen->append(chunk, static_cast<size_t>(got));
+        run.screen.append(chunk, static_cast<size_t>(got));
     }
     close(pipeFds[0]);
     int waitStatus = 0;
     waitpid(child, &waitStatus, 0);
-    return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1;
+    run.exitStatus = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+    std::ifstream log(std::string(folder) + "/kelpth.log");
+    std::stringstream text;
+    text << log.rdbuf();
+    run.log = text.str();
+    std::string remove = std::string("rm -rf ") + folder;
+    (void)system(remove.c_str());
+    return run;
 }
 
 TEST(SignalHandler, InterruptIsSilentAndFailsOthersReportAndSucceed) {
-    std::string screen;
-    EXPECT_EQ(handleSignalInChild(SIGINT, &screen), 1);
-    EXPECT_EQ(screen, "");
-
     const struct {
         int signalNumber;
-        const char *message;
-    } others[] = {{SIGTERM, "KEL0004-E signal_handler() failed. detail=0xe000000f\n"},
-                  {SIGHUP, "KEL0004-E signal_handler() failed. detail=0xe0000001\n"},
-                  {SIGSEGV, "KEL0004-E signal_handler() failed. detail=0xe000000b\n"}};
-    for (const auto &other : others) {
-        screen.clear();
-        EXPECT_EQ(handleSignalInChild(other.signalNumber, &screen), 0) << other.signalNumber;
-        EXPECT_EQ(screen, other.message);
+        int exitStatus;
+        const char *message; // on the screen and, located, in the trace
+    } cases[] = {{SIGINT, 1, "KEL0004-E signal_handler() failed. detail=0xe0000002"},
+                 {SIGTERM, 0, "KEL0004-E signal_handler() failed. detail=0xe000000f"},
+                 {SIGHUP, 0, "KEL0004-E signal_handler() failed. detail=0xe0000001"},
+                 {SIGSEGV, 0, "KEL0004-E signal_handler() failed. detail=0xe000000b"}};
+    for (const auto &c : cases) {
+        const SignalRun raised = handleSignalInChild(c.signalNumber, Delivery::Raised);
+        EXPECT_EQ(raised.exitStatus, c.exitStatus) << c.signalNumber;
+        // What the command had printed still comes first; an interrupt adds nothing.
+        const std::string before = "buffered before the signal\n";
+        EXPECT_EQ(raised.screen, before + (c.signalNumber == SIGINT ? "" : std::string(c.message) + "\n"));
+        const size_t entry = raised.log.find("CALL - signal_handler()");
+        ASSERT_NE(entry, std::string::npos) << raised.log;
+        const size_t message = raised.log.find(std::string("KelPthCmd:"), entry);
+        ASSERT_NE(message, std::string::npos) << raised.log;
+        EXPECT_NE(raised.log.find(c.message, message), std::string::npos) << raised.log;
+
+        // Without a watcher the handler still ends the run the same way on the screen.
+        const SignalRun direct = handleSignalInChild(c.signalNumber, Delivery::DirectCall);
+        EXPECT_EQ(direct.exitStatus, c.exitStatus) << c.signalNumber;
+        EXPECT_EQ(direct.screen, c.signalNumber == SIGINT ? "" : std::string(c.message) + "\n");
     }
 }
 
