@@ -131,8 +131,8 @@ tr -d '\r' <"$log" >"$log.txt"
 sector_is_5a() {
   [[ "$(dd if="$1" bs=512 skip="$2" count=1 2>/dev/null | od -An -v -tx1 | tr -s ' \n' '\n\n' | grep -v '^$' | sort -u)" == 5a ]]
 }
-for spec in "virtio-block-0x10 virtio.img 16" "sata-block-0x100000010 sata.img 4294967312"; do
-  read -r name file lba <<<"$spec"
+for disk in "virtio-block-0x10 virtio.img 16" "sata-block-0x100000010 sata.img 4294967312"; do
+  read -r name file lba <<<"$disk"
   if sector_is_5a "$work/$file" "$lba"; then echo "PASS host-$name"; else echo "FAIL host-$name"; fi >>"$log.txt"
 done
 
