@@ -8,25 +8,7 @@
 # Usage: bench/diag_bench.sh [build folder]   (RUNS=40 by default)
 # A missed target is reported, not an error.
 set -euo pipefail
-here=$(cd "$(dirname "$0")" && pwd)
-build=$(cd "${1:-$here/../build}" && pwd)
-runs=${RUNS:-40}
-for tool in g++ dd python3; do
-  if ! command -v "$tool" >/dev/null; then
-    echo "diag bench: $tool is missing; skipped"
-    exit 0
-  fi
-done
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-g++ -std=c++17 -O2 -o pairtime "$here/pairtime.cpp"
-kelpth=$build/kelpth
-kelsim=$build/kelsim
-priority=()
-if [[ $(nice -n -10 nice 2>/dev/null) == -10 ]]; then
-  priority=(nice -n -10)
-fi
+source "$(dirname "$0")/setup.sh" "diag bench" "${1:-}" dd
 
 verdict() {
   python3 -c "import sys; print('met' if float(sys.argv[1]) <= float(sys.argv[2]) else 'NOT met')" "$1" "$2"

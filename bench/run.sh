@@ -18,30 +18,11 @@
 # Usage: bench/run.sh [build folder]   (AGED_RUNS=10000 and RUNS=40 by default)
 # A missed target is reported, not an error.
 set -euo pipefail
-here=$(cd "$(dirname "$0")" && pwd)
-build=$(cd "${1:-$here/../build}" && pwd)
+source "$(dirname "$0")/setup.sh" bench "${1:-}" od
 aged_runs=${AGED_RUNS:-10000}
-runs=${RUNS:-40}
-for tool in g++ od python3; do
-  if ! command -v "$tool" >/dev/null; then
-    echo "bench: $tool is missing; skipped"
-    exit 0
-  fi
-done
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-g++ -std=c++17 -O2 -o pairtime "$here/pairtime.cpp"
 g++ -std=c++17 -O2 -o stripe_floor "$here/stripe_floor.cpp"
 g++ -std=c++17 -O2 -I"$here/../include" -I"$here/../lib" -o stripe_dump "$here/stripe_dump.cpp" \
   "$build/libkelpth_core.a" -L"$build" -lkelctl -lkelpth -Wl,-rpath,"$build"
-kelpth=$build/kelpth
-kelsim=$build/kelsim
-priority=()
-if [[ $(nice -n -10 nice 2>/dev/null) == -10 ]]; then
-  priority=(nice -n -10)
-fi
 peak_rss=0
 peak_command=
 results=()
