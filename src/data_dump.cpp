@@ -114,6 +114,7 @@ uint32_t KelPasPrintData(const char *title, const uint8_t *data, uint32_t size, 
         const uint32_t count = size - first < kBytesPerRow ? size - first : kBytesPerRow;
         filled += formatDumpRow(block + filled, (startRow + r) * kBytesPerRow, data + first, count, "\n");
         if (filled > sizeof block - kRowSize || r + 1 == rows) {
+            endIfSignalled();
             fwrite(block, 1, filled, stdout);
             filled = 0;
         }
