@@ -75,6 +75,10 @@ const char *const kStatementText[] = {
     "SELECT kind, value, detail, remaining FROM fault ORDER BY id",
     "DELETE FROM fault",
     "SELECT lba FROM block WHERE drive = ?1 ORDER BY lba",
+    "BEGIN",
+    "BEGIN IMMEDIATE",
+    "COMMIT",
+    "ROLLBACK",
 };
 
 // Resets a cached statement when the function using it returns.
@@ -124,7 +128,7 @@ void bindOptional(sqlite3_stmt *stmt, int index, bool present, int64_t value) {
 
 } // namespace
 
-static_assert(sizeof(kStatementText) / sizeof(kStatementText[0]) == 17, "one text per statement");
+static_assert(sizeof(kStatementText) / sizeof(kStatementText[0]) == 21, "one text per statement");
 
 StateStore::StateStore(std::string stateDir) : stateDir_(std::move(stateDir)) {}
 
@@ -265,6 +269,20 @@ sqlite3_stmt *StateStore::statement(Statement which) {
     return statements_[which];
 }
 
+bool StateStore::control(Statement which) {
+    sqlite3_stmt *stmt = statement(which);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    if (sqlite3_step(stmt) != SQLITE_DONE) {
+        healthy_ = false;
+        lastError_ = sqlite3_errmsg(db_);
+        return false;
+    }
+    return true;
+}
+
 bool StateStore::stepDone(sqlite3_stmt *stmt, const char *what) {
     if (sqlite3_step(stmt) != SQLITE_DONE) {
         return failWith(what);
@@ -278,11 +296,11 @@ bool StateStore::begin(bool write) {
     }
     healthy_ = true;
     lastError_.clear();
-    if (!exec(write ? "BEGIN IMMEDIATE" : "BEGIN")) {
+    if (!control(write ? kBeginImmediate : kBegin)) {
         return false;
     }
     if (!schemaReady_ && !ensureSchema(write)) {
-        exec("ROLLBACK");
+        control(kRollback);
         return false;
     }
     inTransaction_ = true;
@@ -292,7 +310,7 @@ bool StateStore::begin(bool write) {
 bool StateStore::commit() {
     failpoint(failpoint_step::kBeforeCommit);
     inTransaction_ = false;
-    if (!exec("COMMIT")) {
+    if (!control(kCommit)) {
         rollback(); // keeps the commit's error (a full disk, say) as the one reported
         return false;
     }
@@ -301,8 +319,12 @@ bool StateStore::commit() {
 
 void StateStore::rollback() {
     inTransaction_ = false;
-    if (db_ != nullptr) {
-        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    if (db_ != nullptr && !sqlite3_get_autocommit(db_)) {
+        const bool healthy = healthy_;
+        const std::string error = lastError_;
+        control(kRollback);
+        healthy_ = healthy; // the failure that led here is the one reported
+        lastError_ = error;
     }
 }
 

@@ -86,10 +86,16 @@ class StateStore {
         kListFaults,
         kClearFaults,
         kListBlockLbas,
+        kBegin,
+        kBeginImmediate,
+        kCommit,
+        kRollback,
         kStatementCount
     };
     sqlite3_stmt *statement(Statement which);
     bool exec(const char *sql);
+    // BEGIN, COMMIT and ROLLBACK as statements prepared once rather than text parsed per call.
+    bool control(Statement which);
     bool eraseBlocks(int64_t drive, uint64_t from, uint64_t to);
     int schemaVersion();
     bool ensureSchema(bool write);
