@@ -106,7 +106,7 @@ for ((i = 0; i < 32; i++)); do
   param_file fill.txt "$(cdb10 2A $((0x100000 + i * 0x80)) 0x1000)" 1
   "$kelpth" P fill.txt >/dev/null
 done
-blocks=$("$kelsim" show | awk '/slot 2 / { for (i = 1; i <= NF; i++) if ($i == "written") print $(i + 1) }')
+blocks=$("$kelsim" show | awk '/^controller 1/ { exit } /slot 2 / { for (i = 1; i <= NF; i++) if ($i == "written") print $(i + 1) }')
 echo "  data written: $((blocks / 2048)) MiB on slot 2"
 declare -A slope
 for size in 0x80 0x200 0x800 0x1000; do
