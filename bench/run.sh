@@ -116,8 +116,9 @@ done
 printf '  %-8s %12s %12s %16s %16s\n' size "write ms" "read ms" "write ms/MiB" "read ms/MiB"
 for size in 0x200 0x800 0x1000; do
   mib=$(python3 -c "print(($size - 0x80) / 2048)")
-  # The smaller the difference measured, the more pairs it takes to see it through the noise.
-  n=$((runs * (size == 0x200 ? 6 : 2)))
+  # The smaller the difference measured, the more pairs it takes to see it through the noise
+  # (a read costs some 4 ms per MiB past the 64 KiB run, so even 1 MiB is a small difference).
+  n=$((runs * (size == 0x200 ? 6 : 4)))
   pair "P WRITE(10) $((size / 2)) KiB" "P WRITE(10) 64 KiB" "$n" "$kelpth" P "write$size.txt" --- "$kelpth" P write0x80.txt
   write_ms=$FIG_A
   slope[write$size]=$(python3 -c "print(round($FIG_DIFF / $mib, 2))")
