@@ -16,17 +16,6 @@
 namespace kelsim {
 namespace sas {
 
-uint64_t fnv1a64(const uint8_t *bytes, size_t size, uint64_t hash) {
-    for (size_t i = 0; i < size; ++i) {
-        hash = (hash ^ bytes[i]) * 0x100000001B3ULL;
-    }
-    return hash;
-}
-
-uint64_t fnv1a64(const std::string &text, uint64_t hash) {
-    return fnv1a64(reinterpret_cast<const uint8_t *>(text.data()), text.size(), hash);
-}
-
 // ---- sense helpers local to the drive ----
 
 ScsiResult lbaOutOfRange() {

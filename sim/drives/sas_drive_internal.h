@@ -31,10 +31,6 @@ constexpr const char *kKeyStopped = "stopped";          // "1" after START STOP 
 constexpr const char *kKeyMediaErrors = "media_errors"; // blank-separated hexadecimal LBAs
 // Mode pages: "mode.XX.current" and "mode.XX.saved", the page bytes in hexadecimal.
 
-// A hash that makes each drive's generated values (identifiers, logs, check bytes) its own.
-uint64_t fnv1a64(const uint8_t *bytes, size_t size, uint64_t hash = 0xCBF29CE484222325ULL);
-uint64_t fnv1a64(const std::string &text, uint64_t hash = 0xCBF29CE484222325ULL);
-
 // ---- sense helpers local to the drive (sas_drive.cpp) ----
 
 ScsiResult lbaOutOfRange();

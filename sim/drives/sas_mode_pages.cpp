@@ -2,6 +2,7 @@
 // and saved values kept in the drive's settings, MODE SENSE (6)/(10) and MODE SELECT (6)/(10)
 // with the block descriptor that changes the capacity.
 #include "sas_drive_internal.h"
+#include "scsi_pages.h"
 #include "text_fields.h"
 
 #include <algorithm>
@@ -155,17 +156,8 @@ void SasDrive::blockDescriptor(int pageControl, bool longLba, std::vector<uint8_
         blocks = ~uint64_t{0}; // the block count can be changed, the block length cannot
         blockLength = 0;
     }
-    if (longLba) {
-        uint8_t descriptor[16] = {};
-        putBe(&descriptor[0], 8, blocks);
-        putBe(&descriptor[12], 4, blockLength);
-        out->insert(out->end(), descriptor, descriptor + 16);
-    } else {
-        uint8_t descriptor[8] = {};
-        putBe(&descriptor[0], 4, std::min<uint64_t>(blocks, 0xFFFFFFFFULL));
-        putBe(&descriptor[5], 3, blockLength);
-        out->insert(out->end(), descriptor, descriptor + 8);
-    }
+    const std::vector<uint8_t> descriptor = modeBlockDescriptor(blocks, blockLength, longLba);
+    out->insert(out->end(), descriptor.begin(), descriptor.end());
 }
 
 ScsiResult SasDrive::modeSense(const Request &request, bool tenByte) {
@@ -188,24 +180,7 @@ ScsiResult SasDrive::modeSense(const Request &request, bool tenByte) {
         blockDescriptor(pageControl, longLba, &descriptor);
     }
     constexpr uint8_t kDpoFua = 0x10; // device-specific parameter: DPO and FUA supported, not write protected
-    std::vector<uint8_t> data;
-    if (tenByte) {
-        data.assign(8, 0);
-        data[3] = kDpoFua;
-        data[4] = longLba ? 0x01 : 0x00;
-        putBe(&data[6], 2, descriptor.size());
-    } else {
-        data.assign(4, 0);
-        data[2] = kDpoFua;
-        data[3] = static_cast<uint8_t>(descriptor.size());
-    }
-    data.insert(data.end(), descriptor.begin(), descriptor.end());
-    data.insert(data.end(), pages.begin(), pages.end());
-    if (tenByte) {
-        putBe(&data[0], 2, data.size() - 2);
-    } else {
-        data[0] = static_cast<uint8_t>(data.size() - 1);
-    }
+    const std::vector<uint8_t> data = modeParameterData(tenByte, longLba, kDpoFua, descriptor, pages);
     return sendData(request.command, data, allocation);
 }
 

@@ -1,8 +1,9 @@
 // The standard SCSI commands the SCSI/ATA translation layer in front of a SATA drive
-// answers itself, as an operating system's layer does: INQUIRY (with the ATA Information
-// VPD page), READ CAPACITY, READ and WRITE in three sizes, SYNCHRONIZE CACHE, TEST UNIT
-// READY, REQUEST SENSE, MODE SENSE and LOG SENSE, each carried out with ATA commands on
-// the device behind it.
+// answers itself, as an operating system's layer does: INQUIRY (with the device
+// identification, block limits, block device characteristics and ATA Information VPD
+// pages), READ CAPACITY, READ and WRITE in three sizes, VERIFY, SYNCHRONIZE CACHE, TEST
+// UNIT READY, REQUEST SENSE, START STOP UNIT, MODE SENSE and LOG SENSE, each carried out
+// with ATA commands on the device behind it.
 #pragma once
 
 #include "ata_device.h"
@@ -24,6 +25,8 @@ class SatScsiCommands {
     ScsiResult readCapacity(const uint8_t *cdb, const ScsiCommand &command, bool sixteen);
     ScsiResult transfer(const uint8_t *cdb, const ScsiCommand &command);
     ScsiResult synchronizeCache();
+    ScsiResult verify(const uint8_t *cdb);
+    ScsiResult startStopUnit(const uint8_t *cdb);
     ScsiResult requestSense(const uint8_t *cdb, const ScsiCommand &command);
     ScsiResult modeSense(const uint8_t *cdb, const ScsiCommand &command, bool tenByte);
     ScsiResult logSense(const uint8_t *cdb, const ScsiCommand &command);

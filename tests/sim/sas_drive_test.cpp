@@ -189,7 +189,7 @@ TEST_F(SasDriveTest, InquiryStandardDataAndVitalProductPages) {
     EXPECT_EQ(asc(in({0x12, 1, 0xB7, 0, 0xFF, 0}, &data)), sense::kAscInvalidFieldInCdb);
 
     in({0x12, 1, 0x00, 0, 0xFF, 0}, &data);
-    EXPECT_EQ(data, (Bytes{0, 0, 0, 3, 0x00, 0x80, 0x83}));
+    EXPECT_EQ(data, (Bytes{0, 0, 0, 5, 0x00, 0x80, 0x83, 0xB0, 0xB1}));
     in({0x12, 1, 0x80, 0, 0xFF, 0}, &data);
     EXPECT_EQ(be(data, 2, 2), identity.serial.size());
     EXPECT_EQ(text(data, 4, identity.serial.size()), identity.serial);

@@ -1,0 +1,49 @@
+// What the farm's SCSI targets (SAS drives, SATA drives behind their translation layer,
+// logical drives) build their answers from: a data-in reply cut to the allocation length,
+// the vital product data pages they share (device identification designators, block
+// limits, block device characteristics) and the parameter header of a MODE SENSE answer.
+#pragma once
+
+#include "device.h"
+
+#include <string>
+#include <vector>
+
+namespace kelsim {
+
+// The largest single transfer a target announces in its block limits page (1 MiB): the
+// kernel cuts its requests to it.
+constexpr uint32_t kMaxTransferBlocks = 2048;
+
+// A data-in answer cut to the allocation length and the host's buffer.
+ScsiResult replyData(const ScsiCommand &command, const std::vector<uint8_t> &data, uint64_t allocation);
+
+// An NAA 5 (IEEE registered) identifier under the farm's company identifier, its own for
+// each seed; always even, so that a port's identifier can be the unit's plus one.
+uint64_t naaIdentifier(const std::string &seed);
+
+// A VPD page: peripheral device type 0, the page code, the page length, then the body.
+std::vector<uint8_t> vpdPage(uint8_t code, const std::vector<uint8_t> &body);
+
+// Device identification (page 0x83) designators of a logical unit: its NAA identifier
+// (binary) and its T10 vendor identification (ASCII: the vendor, then the text given).
+void appendNaaDesignator(std::vector<uint8_t> *body, uint64_t naa);
+void appendT10VendorDesignator(std::vector<uint8_t> *body, const std::string &vendor, const std::string &rest);
+
+// Block limits (page 0xB0). Granularity and optimal transfer in blocks, 0 when the target
+// has no preference; maxWriteSame is the WRITE SAME limit, 0 when the target has none to say.
+std::vector<uint8_t> blockLimitsPage(uint16_t optimalGranularity, uint32_t optimalTransfer, uint64_t maxWriteSame);
+
+// Block device characteristics (page 0xB1): rotation rate in rpm (0 not reported, 1 not
+// rotating) and the nominal form factor code (0 not reported, 2 for 3.5", 3 for 2.5").
+std::vector<uint8_t> blockCharacteristicsPage(uint16_t rotationRate, uint8_t formFactor);
+
+// The block descriptor of a MODE SENSE answer: 8 bytes, or 16 with LONGLBA.
+std::vector<uint8_t> modeBlockDescriptor(uint64_t blocks, uint32_t blockLength, bool longLba);
+
+// A whole MODE SENSE (6) or (10) answer: the header with the device-specific parameter,
+// the block descriptor (empty with DBD) and the pages.
+std::vector<uint8_t> modeParameterData(bool tenByte, bool longLba, uint8_t deviceSpecific,
+                                       const std::vector<uint8_t> &descriptor, const std::vector<uint8_t> &pages);
+
+} // namespace kelsim
