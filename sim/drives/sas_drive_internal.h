@@ -136,6 +136,8 @@ class SasDrive : public ScsiTarget {
 
     // asNew: the page as a new drive shows it (the defaults of page control 2 and 3).
     std::vector<uint8_t> logPage(uint8_t code, bool asNew);
+    std::vector<uint8_t> temperaturePage(bool asNew);
+    std::vector<uint8_t> informationalExceptionsPage(bool asNew);
     std::vector<uint8_t> errorHistoryPage(bool asNew);
     std::vector<uint8_t> smartPage(bool asNew);
     // Counters and error history after every command.

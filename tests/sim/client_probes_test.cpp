@@ -3,6 +3,7 @@
 // the same probe runs against a SAS drive, a SATA drive behind its translation layer and a
 // RAID 5 volume over SAS drive models.
 #include "drives/sas_drive.h"
+#include "drives/sas_life.h"
 #include "drives/sata_drive.h"
 #include "memory_device.h"
 #include "raid_volume.h"
@@ -374,6 +375,36 @@ TEST(SmartProbeTest, WorldWideNameIsTheSameInIdentifyAndDeviceIdentification) {
     ASSERT_GE(ids.size(), 16u);
     EXPECT_EQ(ids[5], 0x03); // the first designator: logical unit, NAA
     EXPECT_EQ(be(ids, 8, 8), worldWideName);
+}
+
+// sg_logs -p 0x00 (and its subpage list), and what smartctl reads of a SAS drive for -H and -A.
+TEST(SasLogProbeTest, ListedLogPagesAnswerAndTellTheDrivesConditions) {
+    Exported disk(Kind::Sas);
+    ScsiTarget &drive = *disk.target;
+    Bytes list = send(drive, {0x4D, 0, 0x00, 0, 0, 0, 0, 0x00, 0xFF, 0}).data;
+    ASSERT_GE(list.size(), 4u);
+    for (size_t i = 4; i < list.size(); ++i) {
+        Reply page = send(drive, {0x4D, 0, static_cast<uint8_t>(0x40 | list[i]), 0, 0, 0, 0, 0xFF, 0xFF, 0},
+                          DataDirection::FromDevice, Bytes(0xFFFF));
+        ASSERT_FALSE(page.result.checkCondition) << std::hex << int(list[i]);
+        EXPECT_EQ(page.data[0] & 0x3F, list[i]);
+        EXPECT_EQ(be(page.data, 2, 2) + 4, page.data.size());
+    }
+    Bytes subpages = send(drive, {0x4D, 0, 0x00, 0xFF, 0, 0, 0, 0x00, 0xFF, 0}).data;
+    ASSERT_EQ(subpages.size(), 4 + 2 * (list.size() - 4 + 1));
+    EXPECT_EQ(subpages[0], 0x40); // SPF
+    EXPECT_EQ(subpages[1], 0xFF);
+
+    setDriveTemperature(disk.settings[0], 47);
+    setSmartTrip(disk.settings[0], 0x5D, 0x10);
+    Bytes temperature = send(drive, {0x4D, 0, 0x4D, 0, 0, 0, 0, 0x00, 0xFF, 0}).data;
+    ASSERT_EQ(temperature.size(), 16u);
+    EXPECT_EQ(temperature[9], 47);
+    Bytes exceptions = send(drive, {0x4D, 0, 0x6F, 0, 0, 0, 0, 0x00, 0xFF, 0}).data;
+    ASSERT_EQ(exceptions.size(), 12u);
+    EXPECT_EQ(exceptions[8], 0x5D);
+    EXPECT_EQ(exceptions[9], 0x10);
+    EXPECT_EQ(exceptions[10], 47);
 }
 
 } // namespace
