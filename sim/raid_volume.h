@@ -6,6 +6,7 @@
 #pragma once
 
 #include "device.h"
+#include "scsi_pages.h"
 #include "topology.h"
 
 #include <functional>
@@ -97,9 +98,8 @@ class RaidVolume : public ScsiTarget {
 
     // The SCSI commands (raid_volume_scsi.cpp).
     ScsiResult dispatch(const ScsiCommand &command, const uint8_t *cdb);
-    ScsiResult requestSense(const ScsiCommand &command, const uint8_t *cdb);
     ScsiResult inquiry(const ScsiCommand &command, const uint8_t *cdb);
-    ScsiResult modeSense(const ScsiCommand &command, const uint8_t *cdb, bool tenByte);
+    ScsiResult modeSense(const ScsiCommand &command, const uint8_t *cdb);
     ScsiResult readCapacity(const ScsiCommand &command, const uint8_t *cdb, bool sixteen);
     ScsiResult blockCommand(const ScsiCommand &command, const uint8_t *cdb);
     // VERIFY reads every block and writes nothing; WRITE SAME writes one block everywhere.
@@ -139,8 +139,7 @@ class RaidVolume : public ScsiTarget {
     VolumeState state_ = VolumeState::Optimal;
     int failed_ = -1;
     std::function<void(const MemberRepair &)> repairObserver_;
-    ScsiResult lastSense_{}; // what REQUEST SENSE reports: the last check condition, once
-    bool haveLastSense_ = false;
+    PendingSense pendingSense_;
 };
 
 } // namespace kelsim

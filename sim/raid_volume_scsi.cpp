@@ -19,8 +19,6 @@ constexpr const char kVendor[] = "ORVANE";
 constexpr uint32_t kChunkBlocks = 128; // blocks per pass of VERIFY and WRITE SAME
 constexpr uint8_t kDpoFua = 0x10;      // MODE SENSE device-specific parameter
 
-enum PageControl { kCurrent = 0, kChangeable = 1, kDefault = 2, kSaved = 3 };
-
 const char *productName(RaidLevel level) {
     switch (level) {
     case RaidLevel::Raid0:
@@ -80,10 +78,7 @@ ScsiResult RaidVolume::execute(const ScsiCommand &command) {
     std::memcpy(cdb, command.cdb, std::min(command.cdbLength, sizeof cdb));
     ScsiResult result = dispatch(command, cdb);
     result.transferred = std::min(result.transferred, command.dataLength);
-    if (result.checkCondition) {
-        lastSense_ = result;
-        haveLastSense_ = true;
-    }
+    pendingSense_.keep(result);
     return result;
 }
 
@@ -93,13 +88,12 @@ ScsiResult RaidVolume::dispatch(const ScsiCommand &command, const uint8_t *cdb) 
     case 0x1B: // START STOP UNIT: the members keep spinning
         return ScsiResult{};
     case 0x03:
-        return requestSense(command, cdb);
+        return pendingSense_.answer(command, cdb);
     case 0x12:
         return inquiry(command, cdb);
     case 0x1A:
-        return modeSense(command, cdb, false);
     case 0x5A:
-        return modeSense(command, cdb, true);
+        return modeSense(command, cdb);
     case 0x25:
         return readCapacity(command, cdb, false);
     case 0x9E:
@@ -123,18 +117,6 @@ ScsiResult RaidVolume::dispatch(const ScsiCommand &command, const uint8_t *cdb) 
     default:
         return checkCondition(sense::kIllegalRequest, sense::kAscInvalidOpcode, 0);
     }
-}
-
-ScsiResult RaidVolume::requestSense(const ScsiCommand &command, const uint8_t *cdb) {
-    if (cdb[1] & 0x01) {
-        return invalidFieldInCdb(1, 0); // descriptor-format sense is not offered
-    }
-    ScsiResult pending = checkCondition(sense::kNoSense, 0, 0);
-    if (haveLastSense_) {
-        pending = lastSense_;
-        haveLastSense_ = false; // the sense is handed over once
-    }
-    return replyData(command, std::vector<uint8_t>(pending.sense.begin(), pending.sense.end()), cdb[4]);
 }
 
 ScsiResult RaidVolume::inquiry(const ScsiCommand &command, const uint8_t *cdb) {
@@ -192,23 +174,15 @@ ScsiResult RaidVolume::inquiry(const ScsiCommand &command, const uint8_t *cdb) {
     return replyData(command, page, allocation);
 }
 
-ScsiResult RaidVolume::modeSense(const ScsiCommand &command, const uint8_t *cdb, bool tenByte) {
-    const bool disableBlockDescriptors = cdb[1] & 0x08;
-    const bool longLba = tenByte && (cdb[1] & 0x10);
-    const int pageControl = cdb[2] >> 6;
-    const uint8_t pageCode = cdb[2] & 0x3F;
-    const uint8_t subpage = cdb[3];
-    const uint64_t allocation = tenByte ? getBe(&cdb[7], 2) : cdb[4];
-    if (pageControl == kSaved) {
-        return checkCondition(sense::kIllegalRequest, 0x39, 0x00); // saving parameters not supported
-    }
-    if (subpage != 0 && subpage != 0xFF) {
-        return invalidFieldInCdb(3); // no page has subpages
+ScsiResult RaidVolume::modeSense(const ScsiCommand &command, const uint8_t *cdb) {
+    const ModeSenseRequest request = decodeModeSense(cdb);
+    if (ScsiResult refusal; modeSenseRefused(request, false, &refusal)) {
+        return refusal;
     }
     std::vector<uint8_t> pages;
     for (uint8_t code : {0x08, 0x0A}) {
-        if (pageCode == 0x3F || pageCode == code) {
-            const std::vector<uint8_t> page = modePage(code, pageControl);
+        if (request.pageCode == 0x3F || request.pageCode == code) {
+            const std::vector<uint8_t> page = modePage(code, request.pageControl);
             pages.insert(pages.end(), page.begin(), page.end());
         }
     }
@@ -216,11 +190,12 @@ ScsiResult RaidVolume::modeSense(const ScsiCommand &command, const uint8_t *cdb,
         return invalidFieldInCdb(2, 5);
     }
     std::vector<uint8_t> descriptor;
-    if (!disableBlockDescriptors) {
-        descriptor = pageControl == kChangeable ? modeBlockDescriptor(0, 0, longLba)
-                                                : modeBlockDescriptor(capacity_, kBlockSize, longLba);
+    if (!request.disableBlockDescriptors) {
+        descriptor = request.pageControl == kChangeable ? modeBlockDescriptor(0, 0, request.longLba)
+                                                        : modeBlockDescriptor(capacity_, kBlockSize, request.longLba);
     }
-    return replyData(command, modeParameterData(tenByte, longLba, kDpoFua, descriptor, pages), allocation);
+    return replyData(command, modeParameterData(request.tenByte, request.longLba, kDpoFua, descriptor, pages),
+                     request.allocation);
 }
 
 ScsiResult RaidVolume::readCapacity(const ScsiCommand &command, const uint8_t *cdb, bool sixteen) {

@@ -85,6 +85,31 @@ std::vector<uint8_t> modeBlockDescriptor(uint64_t blocks, uint32_t blockLength, 
     return descriptor;
 }
 
+ModeSenseRequest decodeModeSense(const uint8_t *cdb) {
+    ModeSenseRequest request;
+    request.tenByte = cdb[0] == 0x5A;
+    request.disableBlockDescriptors = (cdb[1] & 0x08) != 0;
+    request.longLba = request.tenByte && (cdb[1] & 0x10) != 0;
+    request.pageControl = cdb[2] >> 6;
+    request.pageCode = cdb[2] & 0x3F;
+    request.subpage = cdb[3];
+    request.allocation = request.tenByte ? getBe(&cdb[7], 2) : cdb[4];
+    return request;
+}
+
+bool modeSenseRefused(const ModeSenseRequest &request, bool keepsSavedPages, ScsiResult *refusal) {
+    constexpr uint8_t kAscSavingNotSupported = 0x39;
+    if (request.pageControl == kSaved && !keepsSavedPages) {
+        *refusal = checkCondition(sense::kIllegalRequest, kAscSavingNotSupported, 0x00);
+        return true;
+    }
+    if (request.subpage != 0 && request.subpage != 0xFF) {
+        *refusal = invalidFieldInCdb(3);
+        return true;
+    }
+    return false;
+}
+
 std::vector<uint8_t> modeParameterData(bool tenByte, bool longLba, uint8_t deviceSpecific,
                                        const std::vector<uint8_t> &descriptor, const std::vector<uint8_t> &pages) {
     std::vector<uint8_t> data;
@@ -106,6 +131,15 @@ std::vector<uint8_t> modeParameterData(bool tenByte, bool longLba, uint8_t devic
         data[0] = static_cast<uint8_t>(std::min<size_t>(data.size() - 1, 0xFF));
     }
     return data;
+}
+
+ScsiResult PendingSense::answer(const ScsiCommand &command, const uint8_t *cdb) {
+    if (cdb[1] & 0x01) {
+        return invalidFieldInCdb(1, 0); // descriptor-format sense is not offered
+    }
+    const ScsiResult handed = pending_ ? sense_ : checkCondition(sense::kNoSense, 0, 0);
+    pending_ = false;
+    return replyData(command, std::vector<uint8_t>(handed.sense.begin(), handed.sense.end()), cdb[4]);
 }
 
 } // namespace kelsim

@@ -41,9 +41,45 @@ std::vector<uint8_t> blockCharacteristicsPage(uint16_t rotationRate, uint8_t for
 // The block descriptor of a MODE SENSE answer: 8 bytes, or 16 with LONGLBA.
 std::vector<uint8_t> modeBlockDescriptor(uint64_t blocks, uint32_t blockLength, bool longLba);
 
+// MODE SENSE's page control field.
+enum ModePageControl { kCurrent = 0, kChangeable = 1, kDefault = 2, kSaved = 3 };
+
+// MODE SENSE (6) or (10) as a target reads it.
+struct ModeSenseRequest {
+    bool tenByte = false;
+    bool disableBlockDescriptors = false; // DBD
+    bool longLba = false;                 // LLBAA, (10) only
+    int pageControl = kCurrent;
+    uint8_t pageCode = 0;
+    uint8_t subpage = 0;
+    uint64_t allocation = 0;
+};
+ModeSenseRequest decodeModeSense(const uint8_t *cdb);
+// A target without saved pages refuses page control 3 (ASC 0x39); no target has subpages,
+// so only subpage 0 and 0xFF ("all": each page once) are taken.
+bool modeSenseRefused(const ModeSenseRequest &request, bool keepsSavedPages, ScsiResult *refusal);
+
 // A whole MODE SENSE (6) or (10) answer: the header with the device-specific parameter,
 // the block descriptor (empty with DBD) and the pages.
 std::vector<uint8_t> modeParameterData(bool tenByte, bool longLba, uint8_t deviceSpecific,
                                        const std::vector<uint8_t> &descriptor, const std::vector<uint8_t> &pages);
+
+// What REQUEST SENSE hands over: the last check condition, once.
+class PendingSense {
+  public:
+    void keep(const ScsiResult &result) {
+        if (result.checkCondition) {
+            sense_ = result;
+            pending_ = true;
+        }
+    }
+    // The answer to REQUEST SENSE: the pending sense, else NO SENSE. Descriptor format
+    // (DESC) is refused.
+    ScsiResult answer(const ScsiCommand &command, const uint8_t *cdb);
+
+  private:
+    ScsiResult sense_{};
+    bool pending_ = false;
+};
 
 } // namespace kelsim

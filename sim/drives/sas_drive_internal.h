@@ -114,8 +114,7 @@ class SasDrive : public ScsiTarget {
 
     // ---- mode pages (sas_mode_pages.cpp) ----
 
-    ScsiResult modeSense6(const Request &request);
-    ScsiResult modeSense10(const Request &request);
+    ScsiResult modeSense(const Request &request); // (6) and (10)
     ScsiResult modeSelect6(const Request &request);
     ScsiResult modeSelect10(const Request &request);
 
@@ -125,7 +124,6 @@ class SasDrive : public ScsiTarget {
     void storeModePage(const ModePageDefinition &definition, const std::vector<uint8_t> &page, bool save);
     bool collectModePages(uint8_t pageCode, int pageControl, std::vector<uint8_t> *pages);
     void blockDescriptor(int pageControl, bool longLba, std::vector<uint8_t> *out);
-    ScsiResult modeSense(const Request &request, bool tenByte);
     ScsiResult applyModeParameters(const uint8_t *list, size_t length, size_t headerLength,
                                    size_t blockDescriptorLength, bool longLba, bool save, bool pageFormat);
 

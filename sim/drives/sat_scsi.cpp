@@ -61,8 +61,6 @@ ScsiResult senseForAtaError(const AtaCompletion &completion) {
 
 // ---- mode pages as the layer builds them ----
 
-enum PageControl { kCurrent = 0, kChangeable = 1, kDefault = 2, kSaved = 3 };
-
 // Read-write error recovery, caching (write cache and look-ahead from IDENTIFY), control,
 // informational exceptions (DEXCPT when SMART is off). No field can be changed.
 std::vector<uint8_t> modePage(uint8_t code, int pageControl, const AtaSector &identify) {
@@ -133,10 +131,7 @@ ScsiResult SatScsiCommands::execute(const ScsiCommand &command) {
     memcpy(cdb, command.cdb, std::min<size_t>(command.cdbLength, sizeof cdb));
     ScsiResult result = dispatch(cdb, command);
     result.transferred = std::min(result.transferred, command.dataLength);
-    if (result.checkCondition) {
-        lastSense_ = result;
-        haveLastSense_ = true;
-    }
+    pendingSense_.keep(result);
     return result;
 }
 
@@ -145,13 +140,12 @@ ScsiResult SatScsiCommands::dispatch(const uint8_t *cdb, const ScsiCommand &comm
     case 0x00:
         return ScsiResult{};
     case 0x03:
-        return requestSense(cdb, command);
+        return pendingSense_.answer(command, cdb);
     case 0x12:
         return inquiry(cdb, command);
     case 0x1A:
-        return modeSense(cdb, command, false);
     case 0x5A:
-        return modeSense(cdb, command, true);
+        return modeSense(cdb, command);
     case 0x25:
         return readCapacity(cdb, command, false);
     case 0x9E:
@@ -361,31 +355,10 @@ ScsiResult SatScsiCommands::synchronizeCache() {
     return completion.failed() ? senseForAtaError(completion) : ScsiResult{};
 }
 
-ScsiResult SatScsiCommands::requestSense(const uint8_t *cdb, const ScsiCommand &command) {
-    if (cdb[1] & 0x01) {
-        return invalidFieldInCdb(1, 0); // descriptor format is not offered
-    }
-    std::vector<uint8_t> data(18, 0);
-    data[0] = 0x70;
-    data[7] = 10;
-    if (haveLastSense_) {
-        std::copy(lastSense_.sense.begin(), lastSense_.sense.end(), data.begin());
-        haveLastSense_ = false;
-    }
-    return sendData(command, data, cdb[4]);
-}
-
-ScsiResult SatScsiCommands::modeSense(const uint8_t *cdb, const ScsiCommand &command, bool tenByte) {
-    const bool disableBlockDescriptors = cdb[1] & 0x08;
-    const int pageControl = cdb[2] >> 6;
-    const uint8_t pageCode = cdb[2] & 0x3F;
-    const uint8_t subpage = cdb[3];
-    const uint64_t allocation = tenByte ? getBe(&cdb[7], 2) : cdb[4];
-    if (pageControl == kSaved) {
-        return checkCondition(sense::kIllegalRequest, 0x39, 0x00); // saving parameters not supported
-    }
-    if (subpage != 0 && subpage != 0xFF) {
-        return invalidFieldInCdb(3);
+ScsiResult SatScsiCommands::modeSense(const uint8_t *cdb, const ScsiCommand &command) {
+    const ModeSenseRequest request = decodeModeSense(cdb);
+    if (ScsiResult refusal; modeSenseRefused(request, false, &refusal)) {
+        return refusal;
     }
     AtaSector data{};
     if (!identify(&data)) {
@@ -393,20 +366,20 @@ ScsiResult SatScsiCommands::modeSense(const uint8_t *cdb, const ScsiCommand &com
     }
     std::vector<uint8_t> pages;
     for (uint8_t code : kModePages) {
-        if (pageCode == 0x3F || pageCode == code) {
-            const std::vector<uint8_t> page = modePage(code, pageControl, data);
+        if (request.pageCode == 0x3F || request.pageCode == code) {
+            const std::vector<uint8_t> page = modePage(code, request.pageControl, data);
             pages.insert(pages.end(), page.begin(), page.end());
         }
     }
     if (pages.empty()) {
         return invalidFieldInCdb(2, 5);
     }
-    const bool longLba = tenByte && (cdb[1] & 0x10);
     std::vector<uint8_t> descriptor;
-    if (!disableBlockDescriptors) {
-        descriptor = modeBlockDescriptor(userBlocks(data), kBlockSize, longLba);
+    if (!request.disableBlockDescriptors) {
+        descriptor = modeBlockDescriptor(userBlocks(data), kBlockSize, request.longLba);
     }
-    return sendData(command, modeParameterData(tenByte, longLba, 0x00, descriptor, pages), allocation);
+    return sendData(command, modeParameterData(request.tenByte, request.longLba, 0x00, descriptor, pages),
+                    request.allocation);
 }
 
 // VERIFY (10, 16) as READ VERIFY SECTOR(S) EXT: the medium only, no data compared.

@@ -8,6 +8,7 @@
 
 #include "ata_device.h"
 #include "device.h"
+#include "scsi_pages.h"
 
 namespace kelsim {
 
@@ -27,16 +28,14 @@ class SatScsiCommands {
     ScsiResult synchronizeCache();
     ScsiResult verify(const uint8_t *cdb);
     ScsiResult startStopUnit(const uint8_t *cdb);
-    ScsiResult requestSense(const uint8_t *cdb, const ScsiCommand &command);
-    ScsiResult modeSense(const uint8_t *cdb, const ScsiCommand &command, bool tenByte);
+    ScsiResult modeSense(const uint8_t *cdb, const ScsiCommand &command);
     ScsiResult logSense(const uint8_t *cdb, const ScsiCommand &command);
 
     bool identify(AtaSector *data);
     uint64_t userBlocks(const AtaSector &identifyData) const;
 
     AtaDevice &device_;
-    ScsiResult lastSense_{}; // what REQUEST SENSE reports: the last check condition, once
-    bool haveLastSense_ = false;
+    PendingSense pendingSense_;
 };
 
 } // namespace kelsim
