@@ -1,7 +1,8 @@
 // The SCSI commands a logical drive answers, as a RAID controller's volume does to the
 // host: identity (INQUIRY and its VPD pages, READ CAPACITY), state (TEST UNIT READY,
-// REQUEST SENSE, START STOP UNIT), MODE SENSE with the caching and control pages, and the
-// block commands (READ, WRITE, VERIFY, WRITE SAME, SYNCHRONIZE CACHE) over the layout.
+// REQUEST SENSE, START STOP UNIT), MODE SENSE with the caching and control pages, LOG
+// SENSE of the supported pages, and the block commands (READ, WRITE, VERIFY, WRITE SAME,
+// SYNCHRONIZE CACHE) over the layout.
 #include "raid_volume.h"
 
 #include "byte_order.h"
@@ -94,6 +95,8 @@ ScsiResult RaidVolume::dispatch(const ScsiCommand &command, const uint8_t *cdb) 
     case 0x1A:
     case 0x5A:
         return modeSense(command, cdb);
+    case 0x4D:
+        return logSenseOfSupportedPages(command, cdb);
     case 0x25:
         return readCapacity(command, cdb, false);
     case 0x9E:

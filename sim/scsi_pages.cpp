@@ -1,5 +1,6 @@
 // The answers the farm's SCSI targets share: data-in replies, the designators and the
-// block limits and characteristics VPD pages, and MODE SENSE parameter data.
+// block limits and characteristics VPD pages, MODE SENSE parameter data, the LOG SENSE of
+// a target without logs and REQUEST SENSE.
 #include "scsi_pages.h"
 
 #include "byte_order.h"
@@ -131,6 +132,22 @@ std::vector<uint8_t> modeParameterData(bool tenByte, bool longLba, uint8_t devic
         data[0] = static_cast<uint8_t>(std::min<size_t>(data.size() - 1, 0xFF));
     }
     return data;
+}
+
+ScsiResult logSenseOfSupportedPages(const ScsiCommand &command, const uint8_t *cdb) {
+    if (cdb[1] & 0x01) {
+        return invalidFieldInCdb(1, 0); // SP: nothing is saved
+    }
+    if ((cdb[2] & 0x3F) != 0x00) {
+        return invalidFieldInCdb(2, 5); // only the list of supported pages
+    }
+    if (cdb[3] != 0) {
+        return invalidFieldInCdb(3);
+    }
+    if (getBe(&cdb[5], 2) != 0) {
+        return invalidFieldInCdb(5); // the list has no parameters to point at
+    }
+    return replyData(command, {0x00, 0x00, 0x00, 0x01, 0x00}, getBe(&cdb[7], 2));
 }
 
 ScsiResult PendingSense::answer(const ScsiCommand &command, const uint8_t *cdb) {

@@ -1,7 +1,8 @@
 // What the farm's SCSI targets (SAS drives, SATA drives behind their translation layer,
 // logical drives) build their answers from: a data-in reply cut to the allocation length,
 // the vital product data pages they share (device identification designators, block
-// limits, block device characteristics) and the parameter header of a MODE SENSE answer.
+// limits, block device characteristics), the parameter header of a MODE SENSE answer,
+// the LOG SENSE of a target without logs and the sense REQUEST SENSE hands over.
 #pragma once
 
 #include "device.h"
@@ -63,6 +64,9 @@ bool modeSenseRefused(const ModeSenseRequest &request, bool keepsSavedPages, Scs
 // the block descriptor (empty with DBD) and the pages.
 std::vector<uint8_t> modeParameterData(bool tenByte, bool longLba, uint8_t deviceSpecific,
                                        const std::vector<uint8_t> &descriptor, const std::vector<uint8_t> &pages);
+
+// LOG SENSE of a target that keeps no log: only page 0x00, which lists itself.
+ScsiResult logSenseOfSupportedPages(const ScsiCommand &command, const uint8_t *cdb);
 
 // What REQUEST SENSE hands over: the last check condition, once.
 class PendingSense {

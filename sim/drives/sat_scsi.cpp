@@ -157,7 +157,7 @@ ScsiResult SatScsiCommands::dispatch(const uint8_t *cdb, const ScsiCommand &comm
     case 0x91:
         return synchronizeCache();
     case 0x4D:
-        return logSense(cdb, command);
+        return logSenseOfSupportedPages(command, cdb);
     case 0x1B:
         return startStopUnit(cdb);
     case 0x2F:
@@ -426,23 +426,6 @@ ScsiResult SatScsiCommands::startStopUnit(const uint8_t *cdb) {
     registers.command = (cdb[4] & 0x01) ? kAtaIdleImmediate : kAtaStandbyImmediate;
     const AtaCompletion completion = device_.execute(registers, AtaDataPhase::None, nullptr, 0);
     return completion.failed() ? senseForAtaError(completion) : ScsiResult{};
-}
-
-ScsiResult SatScsiCommands::logSense(const uint8_t *cdb, const ScsiCommand &command) {
-    if (cdb[1] & 0x01) {
-        return invalidFieldInCdb(1, 0); // SP: nothing is saved
-    }
-    if ((cdb[2] & 0x3F) != 0x00) {
-        return invalidFieldInCdb(2, 5); // only the list of supported pages
-    }
-    if (cdb[3] != 0) {
-        return invalidFieldInCdb(3);
-    }
-    if (getBe(&cdb[5], 2) != 0) {
-        return invalidFieldInCdb(5); // the list has no parameters to point at
-    }
-    const std::vector<uint8_t> page = {0x00, 0x00, 0x00, 0x01, 0x00};
-    return sendData(command, page, getBe(&cdb[7], 2));
 }
 
 } // namespace kelsim

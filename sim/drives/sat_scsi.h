@@ -29,7 +29,6 @@ class SatScsiCommands {
     ScsiResult verify(const uint8_t *cdb);
     ScsiResult startStopUnit(const uint8_t *cdb);
     ScsiResult modeSense(const uint8_t *cdb, const ScsiCommand &command);
-    ScsiResult logSense(const uint8_t *cdb, const ScsiCommand &command);
 
     bool identify(AtaSector *data);
     uint64_t userBlocks(const AtaSector &identifyData) const;

@@ -214,6 +214,16 @@ TEST_P(ClientProbeTest, ModeSenseGivesTheCachingPageInEveryForm) {
     EXPECT_EQ(unknown.asc(), sense::kAscInvalidFieldInCdb);
 }
 
+// sg_logs -p 0x00: every target lists its log pages, itself first.
+TEST_P(ClientProbeTest, LogSenseListsTheSupportedPages) {
+    Reply list = send(target, {0x4D, 0, 0x40, 0, 0, 0, 0, 0x00, 0xFF, 0});
+    ASSERT_FALSE(list.result.checkCondition);
+    ASSERT_GE(list.data.size(), 5u);
+    EXPECT_EQ(list.data[0], 0x00);
+    EXPECT_EQ(be(list.data, 2, 2) + 4, list.data.size());
+    EXPECT_EQ(list.data[4], 0x00);
+}
+
 // Refused as a drive refuses, and REQUEST SENSE hands the sense over afterwards.
 TEST_P(ClientProbeTest, UnsupportedCommandsAreWellFormedRefusals) {
     const Bytes refusedOpcodes[] = {
