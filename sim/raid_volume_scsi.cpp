@@ -165,7 +165,9 @@ ScsiResult RaidVolume::inquiry(const ScsiCommand &command, const uint8_t *cdb) {
                                                                   : members_.size();
         const uint64_t stripe = dataMembers * stripBlocks_;
         const uint16_t granularity = static_cast<uint16_t>(std::min<uint32_t>(stripBlocks_, 0xFFFF));
-        page = blockLimitsPage(granularity, stripe <= kMaxTransferBlocks ? static_cast<uint32_t>(stripe) : 0, 0);
+        // WRITE SAME is cut like any other transfer, so that zeroing a range takes many short commands.
+        page = blockLimitsPage(granularity, stripe <= kMaxTransferBlocks ? static_cast<uint32_t>(stripe) : 0,
+                               kMaxTransferBlocks);
         break;
     }
     case 0xB1:

@@ -82,8 +82,8 @@ bool SasDrive::vitalProductPage(uint8_t code, std::vector<uint8_t> *page) {
         appendT10VendorDesignator(&body, identity_.vendor, product + identity_.serial);
         break;
     }
-    case 0xB0: // WRITE SAME has no limit of its own
-        *page = blockLimitsPage(0, 0, 0);
+    case 0xB0: // WRITE SAME as long as any other transfer, so that no command takes long
+        *page = blockLimitsPage(0, 0, kMaxTransferBlocks);
         return true;
     case 0xB1:
         *page = blockCharacteristicsPage(kRotationRate, kFormFactor25Inch);

@@ -241,7 +241,7 @@ ScsiResult SatScsiCommands::inquiry(const uint8_t *cdb, const ScsiCommand &comma
         page = vpdPage(0x83, body);
         break;
     }
-    case 0xB0:
+    case 0xB0: // no WRITE SAME
         page = blockLimitsPage(0, 0, 0);
         break;
     case 0xB1: // rotation rate and form factor from IDENTIFY words 217 and 168

@@ -158,6 +158,8 @@ TEST_P(ClientProbeTest, IdentificationAndLimitsPagesHoldWhatTheKernelReads) {
     Bytes limits = send(target, {0x12, 1, 0xB0, 0, 0xFF, 0}).data;
     ASSERT_EQ(limits.size(), 64u); // the kernel reads WRITE SAME limits only from a 64-byte page
     EXPECT_EQ(be(limits, 8, 4), kMaxTransferBlocks);
+    const uint64_t writeSameLimit = GetParam() == Kind::Sata ? 0 : kMaxTransferBlocks; // SATA: none at all
+    EXPECT_EQ(be(limits, 36, 8), writeSameLimit);
     Bytes characteristics = send(target, {0x12, 1, 0xB1, 0, 0xFF, 0}).data;
     ASSERT_EQ(characteristics.size(), 64u);
     EXPECT_EQ(characteristics[8] & 0x30, 0) << "not zoned";
