@@ -273,8 +273,8 @@ ScsiResult RaidVolume::verify(uint64_t lba, uint32_t blocks) {
 }
 
 ScsiResult RaidVolume::writeSame(const ScsiCommand &command, uint64_t lba, uint32_t blocks, uint16_t lengthByte) {
-    if (blocks == 0) {
-        return invalidFieldInCdb(lengthByte); // WSNZ: no "to the last block"
+    if (blocks == 0 || blocks > kMaxTransferBlocks) {
+        return invalidFieldInCdb(lengthByte); // WSNZ, and the limit of the block limits page
     }
     if (lba > capacity_ || blocks > capacity_ - lba) {
         return checkCondition(sense::kIllegalRequest, sense::kAscLbaOutOfRange, 0);

@@ -267,6 +267,18 @@ TEST_P(ClientProbeTest, BlockCommandsOfTheKernelAndSgDd) {
     }
     Reply beyond = send(target, cdb16(0x8F, 1ull << 40, 1), DataDirection::None);
     EXPECT_EQ(beyond.asc(), sense::kAscLbaOutOfRange);
+
+    // WRITE SAME, as the kernel zeroes: within the announced limit on SAS drives and volumes;
+    // a SATA drive has none (its ATA Information page keeps the kernel from trying).
+    const Bytes zeros(kBlockSize, 0);
+    Reply same = send(target, cdb16(0x93, 2000, 8), DataDirection::ToDevice, zeros);
+    Reply tooLong = send(target, cdb16(0x93, 0, kMaxTransferBlocks + 1), DataDirection::ToDevice, zeros);
+    if (GetParam() == Kind::Sata) {
+        EXPECT_EQ(same.asc(), sense::kAscInvalidOpcode);
+    } else {
+        EXPECT_FALSE(same.result.checkCondition);
+        EXPECT_EQ(tooLong.asc(), sense::kAscInvalidFieldInCdb);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryKind, ClientProbeTest, ::testing::Values(Kind::Sas, Kind::Sata, Kind::Raid5),
@@ -287,6 +299,9 @@ TEST(VolumeProbeTest, WriteSameFillsTheRangeAndRefusesUnmap) {
     EXPECT_EQ(back.data[kBlockSize], 0x5A);
     EXPECT_EQ(back.data[301 * kBlockSize - 1], 0x5A);
     EXPECT_EQ(back.data[301 * kBlockSize], 0x00);
+    Reply tooLong = send(*disk.target, cdb16(0x93, 0, kMaxTransferBlocks + 1), DataDirection::ToDevice, pattern);
+    EXPECT_EQ(tooLong.asc(), sense::kAscInvalidFieldInCdb);
+    EXPECT_EQ(tooLong.result.sense[17], 10) << "the length field";
     Reply unmap = send(*disk.target, cdb16(0x93, 100, 8, 0x08), DataDirection::ToDevice, pattern);
     EXPECT_EQ(unmap.asc(), sense::kAscInvalidFieldInCdb);
     EXPECT_EQ(unmap.result.sense[15], 0xC8 | 3); // bit 3 of byte 1
