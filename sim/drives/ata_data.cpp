@@ -67,6 +67,7 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
     }
     putWord(data, 75, 0x0000); // no queued commands
     putWord(data, 76, 0x000E); // SATA 1.5, 3.0 and 6.0 Gb/s; no NCQ
+    putWord(data, 77, 0x0006); // the link runs at 6.0 Gb/s
     putWord(data, 80, 0x03F0); // major versions up to the second command set revision
     // Words 82-87: supported and enabled command sets (NOP, host protected area, look-ahead,
     // write cache, power management, SMART; 48-bit addressing, cache flushes; SMART error
@@ -94,8 +95,9 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
     uint16_t extendedCommands = 0x4000 | (identity.writeUncorrectableSupported ? 0x0004 : 0);
     putWord(data, 119, extendedCommands);
     putWord(data, 120, extendedCommands);
-    putWord(data, 217, 7200); // nominal media rotation rate
-    data[510] = 0xA5;         // integrity word: signature, then the checksum byte
+    putWord(data, 217, 7200);   // nominal media rotation rate
+    putWord(data, 222, 0x103F); // serial transport, SATA revisions up to 3.0
+    data[510] = 0xA5;           // integrity word: signature, then the checksum byte
     sealWithChecksum(data);
     return data;
 }
