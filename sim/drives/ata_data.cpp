@@ -14,7 +14,12 @@ void putWord(AtaSector &sector, unsigned word, uint16_t value) {
     kelsim::putWord(sector.data(), word, value);
 }
 
-// Structures that end in a checksum byte: the 512 bytes must add up to 0.
+// Words 1, 3, 6 and 54-58: the legacy geometry every drive still reports.
+constexpr uint16_t kCylinders = 16383, kHeads = 16, kSectorsPerTrack = 63;
+constexpr uint64_t kMax28BitBlocks = 0x0FFFFFFF;
+
+} // namespace
+
 void sealWithChecksum(AtaSector &sector) {
     uint8_t sum = 0;
     for (unsigned i = 0; i + 1 < sector.size(); ++i) {
@@ -22,12 +27,6 @@ void sealWithChecksum(AtaSector &sector) {
     }
     sector[511] = static_cast<uint8_t>(0x100 - sum);
 }
-
-// Words 1, 3, 6 and 54-58: the legacy geometry every drive still reports.
-constexpr uint16_t kCylinders = 16383, kHeads = 16, kSectorsPerTrack = 63;
-constexpr uint64_t kMax28BitBlocks = 0x0FFFFFFF;
-
-} // namespace
 
 void putAtaString(uint8_t *sector, unsigned firstWord, unsigned wordCount, std::string_view text) {
     for (unsigned i = 0; i < 2 * wordCount; ++i) {
@@ -130,7 +129,7 @@ constexpr unsigned kSmartEntrySize = 12;
 uint64_t attributeRaw(uint8_t id, uint64_t pendingBlocks) {
     switch (id) {
     case 0x09:
-        return 1234; // power-on hours
+        return kPowerOnHours;
     case 0x0C:
         return 12; // power cycles
     case 0xC2:
@@ -217,7 +216,7 @@ uint64_t statistic(uint64_t value) {
 } // namespace
 
 bool buildSmartLogPage(uint8_t logAddress, uint16_t page, AtaSector *out) {
-    constexpr uint8_t kSmartLogDirectory = 0x00, kSummaryErrorLog = 0x01;
+    constexpr uint8_t kSmartLogDirectory = 0x00;
     AtaSector data{};
     switch (logAddress) {
     case kSmartLogDirectory:
@@ -232,7 +231,7 @@ bool buildSmartLogPage(uint8_t logAddress, uint16_t page, AtaSector *out) {
         if (page != 0) {
             return false;
         }
-        data[0] = 0x01; // version; no error recorded (index 0, device error count 0)
+        data[0] = 0x01; // version; no error recorded yet (index 0, device error count 0)
         sealWithChecksum(data);
         break;
     case kDeviceStatistics:

@@ -26,6 +26,15 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
 // SMART READ DATA; pendingBlocks shows up as the current pending sector count.
 AtaSector buildSmartData(uint64_t pendingBlocks);
 
+// The SMART log address of the summary error log.
+constexpr uint8_t kSummaryErrorLog = 0x01;
+
+// The power-on hours SMART reports (attribute 9, error log time stamps).
+constexpr uint16_t kPowerOnHours = 1234;
+
+// Sets the last byte so that the 512 bytes add up to 0 (SMART structures, logs, IDENTIFY).
+void sealWithChecksum(AtaSector &sector);
+
 // SMART READ ATTRIBUTE THRESHOLDS, and whether a normalised value has fallen to its threshold.
 AtaSector buildSmartThresholds();
 bool smartThresholdExceeded();

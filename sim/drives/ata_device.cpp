@@ -145,10 +145,23 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
     nativeMaxJustRead_ = false;
     const Request request{registers, phase, data, length};
     AtaCompletion completion;
-    if (injectedError(registers, &completion)) {
-        completion.device = registers.device;
-        return completion;
+    if (!injectedError(registers, &completion)) {
+        completion = run(request, followsReadNativeMax);
     }
+    completion.device = registers.device;
+    if (touchesMedium(registers.command) && !completion.failed()) {
+        powerMode_ = kPowerActive; // the medium spun up for it
+    }
+    if (completion.failed() && (completion.error & (ata::kErrorUncorrectable | ata::kErrorIdNotFound))) {
+        logMediaError(registers, completion);
+    }
+    return completion;
+}
+
+AtaCompletion AtaDevice::run(const Request &request, bool followsReadNativeMax) {
+    const AtaCommandBlock &registers = request.registers;
+    const AtaDataPhase phase = request.phase;
+    AtaCompletion completion;
     switch (registers.command) {
     case 0xEC:
         completion = identify(request);
@@ -220,10 +233,6 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
     default:
         completion = aborted();
         break;
-    }
-    completion.device = registers.device;
-    if (touchesMedium(registers.command) && !completion.failed()) {
-        powerMode_ = kPowerActive; // the medium spun up for it
     }
     return completion;
 }

@@ -60,6 +60,9 @@ class AtaDevice {
         uint32_t length;
     };
 
+    // The command's own handler, by its code.
+    AtaCompletion run(const Request &request, bool followsReadNativeMax);
+
     // Identity, capacity and features (ata_identity.cpp).
     AtaCompletion identify(const Request &request);
     AtaCompletion readNativeMaxAddress(const Request &request);
@@ -79,6 +82,10 @@ class AtaDevice {
     // SMART and logs (ata_smart_log.cpp).
     AtaCompletion smart(const Request &request);
     AtaCompletion readLog(const Request &request);
+    // The SMART summary error log: the last five media errors and their count, kept in the
+    // drive's settings.
+    AtaSector summaryErrorLog();
+    void logMediaError(const AtaCommandBlock &registers, const AtaCompletion &completion);
 
     // Reads, writes, verifies and cache flushes: they wake a device in standby or idle.
     static bool touchesMedium(uint8_t command);

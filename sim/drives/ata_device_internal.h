@@ -20,6 +20,7 @@ constexpr const char *kReadLookAheadKey = "ata.readLookAhead";
 constexpr const char *kSmartKey = "ata.smart";
 constexpr const char *kUncorrectableCountKey = "ata.uncorrectable.count";
 constexpr const char *kErrorInjectionKey = "ata.errorInjection";
+constexpr const char *kSummaryErrorLogKey = "ata.summaryErrorLog"; // the log's sector, in hexadecimal
 
 // SMART commands carry this key in LBA 23..8 (mid 0x4F, high 0xC2), and RETURN STATUS
 // answers with it when no threshold is exceeded.

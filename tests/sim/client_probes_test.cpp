@@ -76,6 +76,7 @@ struct Exported {
             identities[i] = DriveIdentity{interface,   interface == DriveInterface::Sata ? "ATA" : "SIMDISK",
                                           "SD1K036RC", "0001",
                                           serial,      kDriveBlocks};
+            identities[i].writeUncorrectableSupported = interface == DriveInterface::Sata;
             drives[i] = interface == DriveInterface::Sata ? makeSataDrive(identities[i], media[i], settings[i])
                                                           : makeSasDrive(identities[i], media[i], settings[i]);
         }
@@ -371,6 +372,40 @@ TEST(SmartProbeTest, SmartctlReadsDataThresholdsStatusAndErrorLog) {
     EXPECT_EQ(status.result.sense[13], 0x1D); // ATA pass-through information available
     EXPECT_EQ(status.result.sense[10], 0x4F);
     EXPECT_EQ(status.result.sense[11], 0xC2);
+}
+
+// A read that meets an unreadable block: MEDIUM ERROR naming it, and an entry in the
+// summary error log that smartctl -l error shows.
+TEST(SmartProbeTest, AMediaErrorIsLoggedInTheSummaryErrorLog) {
+    Exported disk(Kind::Sata);
+    ScsiTarget &drive = *disk.target;
+    Bytes writeUncorrectable(16, 0); // WRITE UNCORRECTABLE EXT (pseudo) of block 0x1234
+    writeUncorrectable[0] = 0x85;
+    writeUncorrectable[1] = 0x07; // non-data, EXTEND
+    writeUncorrectable[4] = 0x55;
+    writeUncorrectable[6] = 1;
+    writeUncorrectable[8] = 0x34;
+    writeUncorrectable[10] = 0x12;
+    writeUncorrectable[13] = 0x40;
+    writeUncorrectable[14] = 0x45;
+    ASSERT_FALSE(send(drive, writeUncorrectable, DataDirection::None).result.checkCondition);
+
+    Reply read = send(drive, {0x28, 0, 0, 0, 0x12, 0x30, 0, 0, 8, 0}, DataDirection::FromDevice, Bytes(8 * kBlockSize));
+    ASSERT_EQ(read.key(), sense::kMediumError);
+    EXPECT_EQ(read.asc(), sense::kAscUnrecoveredReadError);
+    EXPECT_EQ(be(Bytes(read.result.sense.begin(), read.result.sense.end()), 3, 4), 0x1234u);
+    EXPECT_EQ(read.data.size(), 4 * kBlockSize) << "the blocks before it";
+
+    Bytes log =
+        send(drive, ataPassThrough(0xB0, 0xD5, 0x01, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
+    ASSERT_TRUE(sumsToZero(log));
+    EXPECT_EQ(log[1], 1) << "the newest entry";
+    EXPECT_EQ(log[452], 1) << "device error count";
+    const size_t command = 2 + 48, error = 2 + 60;
+    EXPECT_EQ(log[command + 7], 0x24) << "READ SECTOR(S) EXT, as the layer sent it";
+    EXPECT_EQ(log[error + 1], 0x40) << "UNC";
+    EXPECT_EQ(log[error + 3], 0x34);
+    EXPECT_EQ(log[error + 4], 0x12);
 }
 
 TEST(SmartProbeTest, PowerModeFollowsStartStopUnit) {
