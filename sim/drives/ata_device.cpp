@@ -145,10 +145,23 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
     nativeMaxJustRead_ = false;
     const Request request{registers, phase, data, length};
     AtaCompletion completion;
-    if (injectedError(registers, &completion)) {
-        completion.device = registers.device;
-        return completion;
+    if (!injectedError(registers, &completion)) {
+        completion = run(request, followsReadNativeMax);
     }
+    completion.device = registers.device;
+    if (touchesMedium(registers.command) && !completion.failed()) {
+        powerMode_ = kPowerActive; // the medium spun up for it
+    }
+    if (completion.failed() && (completion.error & (ata::kErrorUncorrectable | ata::kErrorIdNotFound))) {
+        logMediaError(registers, completion);
+    }
+    return completion;
+}
+
+AtaCompletion AtaDevice::run(const Request &request, bool followsReadNativeMax) {
+    const AtaCommandBlock &registers = request.registers;
+    const AtaDataPhase phase = request.phase;
+    AtaCompletion completion;
     switch (registers.command) {
     case 0xEC:
         completion = identify(request);
@@ -179,10 +192,17 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
     case 0xEA: // FLUSH CACHE EXT: the medium is always up to date
         completion = phase == AtaDataPhase::None ? completed() : aborted();
         break;
-    case 0xE5: // CHECK POWER MODE: always active or idle
+    case 0xE5: // CHECK POWER MODE
         completion = phase == AtaDataPhase::None ? completed() : aborted();
         if (!completion.failed()) {
-            completion.count = 0xFF;
+            completion.count = powerMode_;
+        }
+        break;
+    case 0xE0: // STANDBY IMMEDIATE
+    case 0xE1: // IDLE IMMEDIATE
+        completion = phase == AtaDataPhase::None ? completed() : aborted();
+        if (!completion.failed()) {
+            powerMode_ = registers.command == 0xE0 ? kPowerStandby : kPowerIdle;
         }
         break;
     case 0x27:
@@ -214,8 +234,27 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
         completion = aborted();
         break;
     }
-    completion.device = registers.device;
     return completion;
+}
+
+bool AtaDevice::touchesMedium(uint8_t command) {
+    switch (command) {
+    case 0x20:
+    case 0x24:
+    case 0x25:
+    case 0x30:
+    case 0x34:
+    case 0x35:
+    case 0x40:
+    case 0x42:
+    case 0xC8:
+    case 0xCA:
+    case 0xE7:
+    case 0xEA:
+        return true;
+    default:
+        return false;
+    }
 }
 
 uint64_t AtaDevice::userBlocks() {

@@ -60,6 +60,9 @@ class AtaDevice {
         uint32_t length;
     };
 
+    // The command's own handler, by its code.
+    AtaCompletion run(const Request &request, bool followsReadNativeMax);
+
     // Identity, capacity and features (ata_identity.cpp).
     AtaCompletion identify(const Request &request);
     AtaCompletion readNativeMaxAddress(const Request &request);
@@ -79,6 +82,13 @@ class AtaDevice {
     // SMART and logs (ata_smart_log.cpp).
     AtaCompletion smart(const Request &request);
     AtaCompletion readLog(const Request &request);
+    // The SMART summary error log: the last five media errors and their count, kept in the
+    // drive's settings.
+    AtaSector summaryErrorLog();
+    void logMediaError(const AtaCommandBlock &registers, const AtaCompletion &completion);
+
+    // Reads, writes, verifies and cache flushes: they wake a device in standby or idle.
+    static bool touchesMedium(uint8_t command);
 
     uint64_t nativeBlocks() const { return identity_.nativeBlocks; }
     uint64_t userBlocks();
@@ -91,6 +101,9 @@ class AtaDevice {
     bool nativeMaxJustRead_ = false;
     bool nonVolatileMaxSet_ = false;
     std::optional<uint64_t> volatileUserBlocks_;
+    // The power mode CHECK POWER MODE reports (its count register).
+    static constexpr uint8_t kPowerStandby = 0x00, kPowerIdle = 0x80, kPowerActive = 0xFF;
+    uint8_t powerMode_ = kPowerActive;
 };
 
 // The drive's persistent state as the rest of the farm sees it (e.g. a RAID volume over a

@@ -20,10 +20,12 @@ constexpr const char *kReadLookAheadKey = "ata.readLookAhead";
 constexpr const char *kSmartKey = "ata.smart";
 constexpr const char *kUncorrectableCountKey = "ata.uncorrectable.count";
 constexpr const char *kErrorInjectionKey = "ata.errorInjection";
+constexpr const char *kSummaryErrorLogKey = "ata.summaryErrorLog"; // the log's sector, in hexadecimal
 
 // SMART commands carry this key in LBA 23..8 (mid 0x4F, high 0xC2), and RETURN STATUS
 // answers with it when no threshold is exceeded.
 constexpr uint64_t kSmartSignature = 0xC24F;
+constexpr uint64_t kSmartThresholdExceeded = 0x2CF4; // RETURN STATUS: mid 0xF4, high 0x2C
 
 // The product family that understands the vendor error-injection command.
 constexpr std::string_view kErrorInjectionProduct = "MQX5108";

@@ -2,6 +2,7 @@
 // WRITE SAME and SYNCHRONIZE CACHE, with the media-error marks stopping reads and
 // reassigned by writes.
 #include "sas_drive_internal.h"
+#include "scsi_pages.h"
 
 #include <algorithm>
 #include <cstring>
@@ -126,8 +127,8 @@ ScsiResult SasDrive::writeSame(const Request &request) {
         return invalidFieldInCdb(1, 2); // PBDATA / LBDATA
     }
     BlockRange range = decodeBlockRange(cdb);
-    if (range.count == 0) {
-        return invalidFieldInCdb(range.lengthByte); // no "to the end of the medium" here
+    if (range.count == 0 || range.count > kMaxTransferBlocks) {
+        return invalidFieldInCdb(range.lengthByte); // WSNZ, and the limit of the block limits page
     }
     if (!inRange(range.lba, range.count)) {
         return lbaOutOfRange();
