@@ -30,12 +30,18 @@ std::string hexBytes(const uint8_t *bytes, size_t count) {
 }
 
 // ILLEGAL REQUEST with INVALID COMMAND OPERATION CODE, INVALID FIELD IN CDB or IN
-// PARAMETER LIST: the model does not take the command as sent.
-bool refused(const ScsiResult &result) {
+// PARAMETER LIST: the model does not take the command as sent. Through ATA PASS-THROUGH,
+// ABORTED COMMAND: the ATA device aborted the command it was given.
+bool refused(const uint8_t *cdb, const ScsiResult &result) {
     const uint8_t key = result.sense[2] & 0x0F, asc = result.sense[12];
-    return result.checkCondition && key == sense::kIllegalRequest &&
-           (asc == sense::kAscInvalidOpcode || asc == sense::kAscInvalidFieldInCdb ||
-            asc == sense::kAscInvalidFieldInParameterList);
+    if (!result.checkCondition) {
+        return false;
+    }
+    if (cdb[0] == 0x85 || cdb[0] == 0xA1) {
+        return key == sense::kAbortedCommand;
+    }
+    return key == sense::kIllegalRequest && (asc == sense::kAscInvalidOpcode || asc == sense::kAscInvalidFieldInCdb ||
+                                             asc == sense::kAscInvalidFieldInParameterList);
 }
 
 } // namespace
@@ -135,7 +141,7 @@ RingHandler deviceHandler(Farm &farm, const ExportedDevice &device, RefusalLog &
         if (result.checkCondition) {
             reply.sense.assign(result.sense.begin(), result.sense.end());
         }
-        if (refused(result)) {
+        if (refused(cdb, result)) {
             char codes[16];
             snprintf(codes, sizeof codes, "%02X/%02X/%02X", result.sense[2] & 0x0F, result.sense[12], result.sense[13]);
             log.write("refused " + device.name + " cdb=" + hexBytes(cdb, cdbLength) + " sense=" + codes);

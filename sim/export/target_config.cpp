@@ -100,12 +100,12 @@ TargetConfig::~TargetConfig() {
 }
 
 bool TargetConfig::available(std::string *error) const {
-    if (exists(root_ + "/core") && exists(root_ + "/loopback")) {
+    if (exists(root_ + "/core")) {
         return true;
     }
-    *error = "no " + root_ + "/core and " + root_ +
-             "/loopback: run as root with the modules configfs, target_core_mod, uio, target_core_user and "
-             "tcm_loop loaded";
+    *error = "no " + root_ +
+             "/core: run as root with the modules configfs, target_core_mod, uio, target_core_user and "
+             "tcm_loop loaded and configfs mounted on /sys/kernel/config";
     return false;
 }
 
@@ -167,6 +167,10 @@ bool TargetConfig::addBackstore(const std::string &name, uint64_t bytes, Backsto
 bool TargetConfig::addLoopback(std::string *error) {
     loopbackMark_ = made_.size();
     loopback_ = true;
+    // The fabric's folder appears with the first mkdir of it.
+    if (!exists(root_ + "/loopback") && !makeFolder(root_ + "/loopback", error)) {
+        return false;
+    }
     const unsigned tag = static_cast<unsigned>(getpid());
     const std::string wwn = root_ + "/loopback/" + loopbackName(tag);
     tpgt_ = wwn + "/tpgt_1";

@@ -48,6 +48,7 @@ struct Request {
     uint32_t vectorCount;
     uint32_t bidiVectorCount;
     uint32_t difVectorCount;
+    uint32_t pad0;      // the request part of the entry is not packed: cdb_off is 8-aligned
     uint64_t cdbOffset; // from the start of the mapping
     uint64_t pad1;
     uint64_t pad2;
@@ -63,6 +64,8 @@ struct Reply {
     uint8_t sense[kSenseBytes];
 };
 #pragma pack(pop)
-static_assert(sizeof(EntryHeader) == 8 && sizeof(Request) == 44 && sizeof(Reply) == 112, "tcmu_cmd_entry layout");
+static_assert(sizeof(EntryHeader) == 8 && offsetof(Request, cdbOffset) == 24 && sizeof(Request) == 48 &&
+                  offsetof(Reply, readLength) == 12 && sizeof(Reply) == 112,
+              "tcmu_cmd_entry layout");
 
 } // namespace kelsim::tcmu
