@@ -1,6 +1,6 @@
 // RAID volumes: the block layouts of RAID 0, 1 and 5 (left-symmetric, parity kept on
-// every write), reads that rebuild and repair what a member cannot give, and the SCSI
-// commands a logical drive answers.
+// every write), and reads that rebuild and repair what a member cannot give. The SCSI
+// commands a logical drive answers are in raid_volume_scsi.cpp.
 #include "raid_volume.h"
 
 #include "byte_order.h"
@@ -16,19 +16,6 @@ void xorInto(uint8_t *target, const uint8_t *source, size_t size) {
         target[i] ^= source[i];
     }
 }
-
-// Copies a reply into the host buffer, cut at the allocation length and the buffer size.
-ScsiResult reply(const ScsiCommand &command, const uint8_t *data, size_t size, uint32_t allocationLength) {
-    ScsiResult result;
-    size_t count = std::min<size_t>({size, allocationLength, command.dataLength});
-    if (count > 0 && command.data != nullptr) {
-        memcpy(command.data, data, count);
-        result.transferred = static_cast<uint32_t>(count);
-    }
-    return result;
-}
-
-constexpr size_t kMinimumCdbLength[] = {6, 10, 10, 10, 16, 12, 0, 0}; // by the opcode's group code
 
 } // namespace
 
@@ -214,39 +201,6 @@ bool RaidVolume::writeExtent(const StripExtent &extent, const uint8_t *in) {
     return dataWritten || parityWritten;
 }
 
-ScsiResult RaidVolume::execute(const ScsiCommand &command) {
-    if (command.cdb == nullptr || command.cdbLength == 0) {
-        return invalidFieldInCdb(0);
-    }
-    const uint8_t *cdb = command.cdb;
-    if (command.cdbLength < kMinimumCdbLength[cdb[0] >> 5]) {
-        return invalidFieldInCdb(0);
-    }
-    switch (cdb[0]) {
-    case 0x00: // TEST UNIT READY
-        return ScsiResult();
-    case 0x12:
-        return inquiry(command);
-    case 0x25:
-        return readCapacity10(command);
-    case 0x9E:
-        if ((cdb[1] & 0x1F) == 0x10) {
-            return readCapacity16(command);
-        }
-        return invalidFieldInCdb(1, 4);
-    case 0x28:
-        return transfer(command, getBe(cdb + 2, 4), static_cast<uint32_t>(getBe(cdb + 7, 2)), false, 7);
-    case 0x2A:
-        return transfer(command, getBe(cdb + 2, 4), static_cast<uint32_t>(getBe(cdb + 7, 2)), true, 7);
-    case 0x88:
-        return transfer(command, getBe(cdb + 2, 8), static_cast<uint32_t>(getBe(cdb + 10, 4)), false, 10);
-    case 0x8A:
-        return transfer(command, getBe(cdb + 2, 8), static_cast<uint32_t>(getBe(cdb + 10, 4)), true, 10);
-    default:
-        return checkCondition(sense::kIllegalRequest, sense::kAscInvalidOpcode, 0);
-    }
-}
-
 ScsiResult RaidVolume::transfer(const ScsiCommand &command, uint64_t lba, uint32_t blocks, bool write, int lengthByte) {
     if (lba > capacity_ || blocks > capacity_ - lba || (blocks == 0 && lba == capacity_)) {
         return checkCondition(sense::kIllegalRequest, sense::kAscLbaOutOfRange, 0);
@@ -274,57 +228,6 @@ ScsiResult RaidVolume::transfer(const ScsiCommand &command, uint64_t lba, uint32
     ScsiResult result;
     result.transferred = static_cast<uint32_t>(bytes);
     return result;
-}
-
-ScsiResult RaidVolume::inquiry(const ScsiCommand &command) {
-    const uint8_t *cdb = command.cdb;
-    uint32_t allocation = static_cast<uint32_t>(getBe(cdb + 3, 2));
-    bool vitalProductData = (cdb[1] & 0x01) != 0;
-    if (!vitalProductData) {
-        if (cdb[2] != 0) {
-            return invalidFieldInCdb(2);
-        }
-        uint8_t data[36] = {};
-        data[2] = 0x05; // SPC-3
-        data[3] = 0x02; // response data format
-        data[4] = 31;   // additional length
-        data[7] = 0x02; // command queuing
-        memcpy(data + 8, "ORVANE  ", 8);
-        const char *product = level_ == RaidLevel::Raid0   ? "RAID0 VOLUME    "
-                              : level_ == RaidLevel::Raid1 ? "RAID1 VOLUME    "
-                                                           : "RAID5 VOLUME    ";
-        memcpy(data + 16, product, 16);
-        memcpy(data + 32, "1.00", 4);
-        return reply(command, data, sizeof data, allocation);
-    }
-    std::vector<uint8_t> page = {0x00, cdb[2], 0x00, 0x00};
-    switch (cdb[2]) {
-    case 0x00:
-        page.insert(page.end(), {0x00, 0x80});
-        break;
-    case 0x80:
-        page.insert(page.end(), serial_.begin(), serial_.end());
-        break;
-    default:
-        return invalidFieldInCdb(2);
-    }
-    page[3] = static_cast<uint8_t>(page.size() - 4);
-    return reply(command, page.data(), page.size(), allocation);
-}
-
-ScsiResult RaidVolume::readCapacity10(const ScsiCommand &command) {
-    uint8_t data[8] = {};
-    uint64_t lastLba = capacity_ == 0 ? 0 : capacity_ - 1;
-    putBe(data, 4, std::min<uint64_t>(lastLba, 0xFFFFFFFF));
-    putBe(data + 4, 4, kBlockSize);
-    return reply(command, data, sizeof data, sizeof data);
-}
-
-ScsiResult RaidVolume::readCapacity16(const ScsiCommand &command) {
-    uint8_t data[32] = {};
-    putBe(data, 8, capacity_ == 0 ? 0 : capacity_ - 1);
-    putBe(data + 8, 4, kBlockSize);
-    return reply(command, data, sizeof data, static_cast<uint32_t>(getBe(command.cdb + 10, 4)));
 }
 
 } // namespace kelsim

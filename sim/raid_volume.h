@@ -6,6 +6,7 @@
 #pragma once
 
 #include "device.h"
+#include "scsi_pages.h"
 #include "topology.h"
 
 #include <functional>
@@ -95,9 +96,16 @@ class RaidVolume : public ScsiTarget {
         uint32_t goodBlocks = 0; // the blocks before the first that failed
     };
 
-    ScsiResult inquiry(const ScsiCommand &command);
-    ScsiResult readCapacity10(const ScsiCommand &command);
-    ScsiResult readCapacity16(const ScsiCommand &command);
+    // The SCSI commands (raid_volume_scsi.cpp).
+    ScsiResult dispatch(const ScsiCommand &command, const uint8_t *cdb);
+    ScsiResult inquiry(const ScsiCommand &command, const uint8_t *cdb);
+    ScsiResult modeSense(const ScsiCommand &command, const uint8_t *cdb);
+    ScsiResult readCapacity(const ScsiCommand &command, const uint8_t *cdb, bool sixteen);
+    ScsiResult blockCommand(const ScsiCommand &command, const uint8_t *cdb);
+    // VERIFY reads every block and writes nothing; WRITE SAME writes one block everywhere.
+    ScsiResult verify(uint64_t lba, uint32_t blocks);
+    ScsiResult writeSame(const ScsiCommand &command, uint64_t lba, uint32_t blocks, uint16_t lengthByte);
+    // Reads or writes whole volume blocks through the layout (raid_volume.cpp).
     ScsiResult transfer(const ScsiCommand &command, uint64_t lba, uint32_t blocks, bool write, int lengthByte);
 
     // A read that fails names the first volume block it could not give.
@@ -131,6 +139,7 @@ class RaidVolume : public ScsiTarget {
     VolumeState state_ = VolumeState::Optimal;
     int failed_ = -1;
     std::function<void(const MemberRepair &)> repairObserver_;
+    PendingSense pendingSense_;
 };
 
 } // namespace kelsim

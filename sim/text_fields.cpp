@@ -1,4 +1,5 @@
-// Blank-padded text fields and the hexadecimal codec of the simulated devices' settings.
+// Blank-padded text fields, the hexadecimal codec of the simulated devices' settings and
+// the hash that seeds their generated values.
 #include "text_fields.h"
 
 #include <algorithm>
@@ -51,6 +52,17 @@ bool fromHex(std::string_view text, std::vector<uint8_t> *bytes) {
         bytes->push_back(static_cast<uint8_t>(high << 4 | low));
     }
     return true;
+}
+
+uint64_t fnv1a64(const uint8_t *bytes, size_t size, uint64_t hash) {
+    for (size_t i = 0; i < size; ++i) {
+        hash = (hash ^ bytes[i]) * 0x100000001B3ULL;
+    }
+    return hash;
+}
+
+uint64_t fnv1a64(std::string_view text, uint64_t hash) {
+    return fnv1a64(reinterpret_cast<const uint8_t *>(text.data()), text.size(), hash);
 }
 
 } // namespace kelsim

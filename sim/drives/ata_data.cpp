@@ -3,6 +3,7 @@
 #include "ata_data.h"
 
 #include "byte_order.h"
+#include "scsi_pages.h"
 
 #include <algorithm>
 
@@ -69,22 +70,27 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
     putWord(data, 80, 0x03F0); // major versions up to the second command set revision
     // Words 82-87: supported and enabled command sets (NOP, host protected area, look-ahead,
     // write cache, power management, SMART; 48-bit addressing, cache flushes; SMART error
-    // logging and general-purpose logs). No READ/WRITE BUFFER and no SMART self-test.
+    // logging, general-purpose logs and the world wide name). No READ/WRITE BUFFER and no
+    // SMART self-test.
     putWord(data, 82, 0x4469);
     putWord(data, 83, 0x7400);
-    putWord(data, 84, 0x4021);
+    putWord(data, 84, 0x4121);
     uint16_t enabled = 0x4408;
     enabled |= state.readLookAheadEnabled ? 0x0040 : 0;
     enabled |= state.writeCacheEnabled ? 0x0020 : 0;
     enabled |= state.smartEnabled ? 0x0001 : 0;
     putWord(data, 85, enabled);
     putWord(data, 86, 0xB400);
-    putWord(data, 87, 0x4021);
+    putWord(data, 87, 0x4121);
     putWord(data, 88, 0x407F); // Ultra DMA modes 0-6, mode 6 selected
     for (unsigned i = 0; i < 4; ++i) {
         putWord(data, 100 + i, static_cast<uint16_t>(state.userBlocks >> (16 * i)));
     }
     putWord(data, 106, 0x4000); // one 512-byte logical sector per physical sector
+    const uint64_t worldWideName = naaIdentifier(identity.vendor + identity.product + identity.serial);
+    for (unsigned i = 0; i < 4; ++i) {
+        putWord(data, 108 + i, static_cast<uint16_t>(worldWideName >> (48 - 16 * i))); // NAA first
+    }
     uint16_t extendedCommands = 0x4000 | (identity.writeUncorrectableSupported ? 0x0004 : 0);
     putWord(data, 119, extendedCommands);
     putWord(data, 120, extendedCommands);
@@ -94,29 +100,59 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
     return data;
 }
 
+namespace {
+
+// One SMART attribute: its flags, normalised values and threshold (0: never trips).
+struct SmartAttribute {
+    uint8_t id;
+    uint16_t flags;
+    uint8_t current, worst, threshold;
+};
+
+// Attribute 0xC5 (current pending sectors) carries the count of unreadable blocks as raw value.
+constexpr uint8_t kPendingSectors = 0xC5;
+constexpr SmartAttribute kSmartAttributes[] = {
+    {0x01, 0x000F, 100, 100, 44},
+    {0x03, 0x0003, 100, 100, 0},
+    {0x05, 0x0033, 100, 100, 10},
+    {0x09, 0x0032, 99, 99, 0},
+    {0x0C, 0x0032, 100, 100, 0},
+    {0xC2, 0x0022, 64, 55, 0},
+    {kPendingSectors, 0x0032, 100, 100, 0},
+    {0xC6, 0x0030, 100, 100, 0},
+    {0xC7, 0x003E, 200, 200, 0},
+};
+constexpr uint16_t kSmartRevision = 0x0010;
+constexpr unsigned kSmartEntrySize = 12;
+
+uint64_t attributeRaw(uint8_t id, uint64_t pendingBlocks) {
+    switch (id) {
+    case 0x09:
+        return 1234; // power-on hours
+    case 0x0C:
+        return 12; // power cycles
+    case 0xC2:
+        return 36; // temperature, Celsius
+    case kPendingSectors:
+        return std::min<uint64_t>(pendingBlocks, UINT32_MAX);
+    default:
+        return 0;
+    }
+}
+
+} // namespace
+
 AtaSector buildSmartData(uint64_t pendingBlocks) {
-    struct Attribute {
-        uint8_t id;
-        uint16_t flags;
-        uint8_t current, worst;
-        uint64_t raw;
-    };
-    const uint32_t pending = static_cast<uint32_t>(std::min<uint64_t>(pendingBlocks, UINT32_MAX));
-    const Attribute attributes[] = {
-        {0x01, 0x000F, 100, 100, 0},       {0x03, 0x0003, 100, 100, 0},  {0x05, 0x0033, 100, 100, 0},
-        {0x09, 0x0032, 99, 99, 1234},      {0x0C, 0x0032, 100, 100, 12}, {0xC2, 0x0022, 64, 55, 36},
-        {0xC5, 0x0032, 100, 100, pending}, {0xC6, 0x0030, 100, 100, 0},  {0xC7, 0x003E, 200, 200, 0},
-    };
     AtaSector data{};
-    putWord(data, 0, 0x0010); // data structure revision
+    putWord(data, 0, kSmartRevision);
     unsigned offset = 2;
-    for (const Attribute &attribute : attributes) {
+    for (const SmartAttribute &attribute : kSmartAttributes) {
         data[offset] = attribute.id;
         putLe(&data[offset + 1], 2, attribute.flags);
         data[offset + 3] = attribute.current;
         data[offset + 4] = attribute.worst;
-        putLe(&data[offset + 5], 6, attribute.raw);
-        offset += 12;
+        putLe(&data[offset + 5], 6, attributeRaw(attribute.id, pendingBlocks));
+        offset += kSmartEntrySize;
     }
     data[362] = 0x82; // off-line data collection completed
     data[364] = 0x50; // off-line collection time, seconds
@@ -125,6 +161,28 @@ AtaSector buildSmartData(uint64_t pendingBlocks) {
     data[370] = 0x01; // error logging
     sealWithChecksum(data);
     return data;
+}
+
+AtaSector buildSmartThresholds() {
+    AtaSector data{};
+    putWord(data, 0, kSmartRevision);
+    unsigned offset = 2;
+    for (const SmartAttribute &attribute : kSmartAttributes) {
+        data[offset] = attribute.id;
+        data[offset + 1] = attribute.threshold;
+        offset += kSmartEntrySize;
+    }
+    sealWithChecksum(data);
+    return data;
+}
+
+bool smartThresholdExceeded() {
+    for (const SmartAttribute &attribute : kSmartAttributes) {
+        if (attribute.threshold != 0 && attribute.current <= attribute.threshold) {
+            return true;
+        }
+    }
+    return false;
 }
 
 namespace {
@@ -155,6 +213,34 @@ uint64_t statistic(uint64_t value) {
 }
 
 } // namespace
+
+bool buildSmartLogPage(uint8_t logAddress, uint16_t page, AtaSector *out) {
+    constexpr uint8_t kSmartLogDirectory = 0x00, kSummaryErrorLog = 0x01;
+    AtaSector data{};
+    switch (logAddress) {
+    case kSmartLogDirectory:
+        if (page != 0) {
+            return false;
+        }
+        putWord(data, 0, 0x0001); // SMART logging version
+        putWord(data, kSummaryErrorLog, 1);
+        putWord(data, kDeviceStatistics, logPageCount(kDeviceStatistics));
+        break;
+    case kSummaryErrorLog:
+        if (page != 0) {
+            return false;
+        }
+        data[0] = 0x01; // version; no error recorded (index 0, device error count 0)
+        sealWithChecksum(data);
+        break;
+    case kDeviceStatistics:
+        return buildLogPage(logAddress, page, out);
+    default:
+        return false;
+    }
+    *out = data;
+    return true;
+}
 
 bool buildLogPage(uint8_t logAddress, uint16_t page, AtaSector *out) {
     if (page >= logPageCount(logAddress)) {

@@ -26,8 +26,15 @@ AtaSector buildIdentifyData(const DriveIdentity &identity, const IdentifyState &
 // SMART READ DATA; pendingBlocks shows up as the current pending sector count.
 AtaSector buildSmartData(uint64_t pendingBlocks);
 
-// One page of a general-purpose log; false when the log or the page does not exist.
+// SMART READ ATTRIBUTE THRESHOLDS, and whether a normalised value has fallen to its threshold.
+AtaSector buildSmartThresholds();
+bool smartThresholdExceeded();
+
+// One page of a general-purpose log (READ LOG EXT) or of a log SMART READ LOG reaches
+// (its directory, the summary error log, device statistics); false when the log or the
+// page does not exist.
 bool buildLogPage(uint8_t logAddress, uint16_t page, AtaSector *out);
+bool buildSmartLogPage(uint8_t logAddress, uint16_t page, AtaSector *out);
 
 // ATA strings: two characters a word, the first in the high byte, blank padded.
 // (getWord and putWord, in byte_order.h, read and write the words.)

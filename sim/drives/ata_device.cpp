@@ -179,10 +179,17 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
     case 0xEA: // FLUSH CACHE EXT: the medium is always up to date
         completion = phase == AtaDataPhase::None ? completed() : aborted();
         break;
-    case 0xE5: // CHECK POWER MODE: always active or idle
+    case 0xE5: // CHECK POWER MODE
         completion = phase == AtaDataPhase::None ? completed() : aborted();
         if (!completion.failed()) {
-            completion.count = 0xFF;
+            completion.count = powerMode_;
+        }
+        break;
+    case 0xE0: // STANDBY IMMEDIATE
+    case 0xE1: // IDLE IMMEDIATE
+        completion = phase == AtaDataPhase::None ? completed() : aborted();
+        if (!completion.failed()) {
+            powerMode_ = registers.command == 0xE0 ? kPowerStandby : kPowerIdle;
         }
         break;
     case 0x27:
@@ -215,7 +222,30 @@ AtaCompletion AtaDevice::execute(const AtaCommandBlock &registers, AtaDataPhase 
         break;
     }
     completion.device = registers.device;
+    if (touchesMedium(registers.command) && !completion.failed()) {
+        powerMode_ = kPowerActive; // the medium spun up for it
+    }
     return completion;
+}
+
+bool AtaDevice::touchesMedium(uint8_t command) {
+    switch (command) {
+    case 0x20:
+    case 0x24:
+    case 0x25:
+    case 0x30:
+    case 0x34:
+    case 0x35:
+    case 0x40:
+    case 0x42:
+    case 0xC8:
+    case 0xCA:
+    case 0xE7:
+    case 0xEA:
+        return true;
+    default:
+        return false;
+    }
 }
 
 uint64_t AtaDevice::userBlocks() {

@@ -80,6 +80,9 @@ class AtaDevice {
     AtaCompletion smart(const Request &request);
     AtaCompletion readLog(const Request &request);
 
+    // Reads, writes, verifies and cache flushes: they wake a device in standby or idle.
+    static bool touchesMedium(uint8_t command);
+
     uint64_t nativeBlocks() const { return identity_.nativeBlocks; }
     uint64_t userBlocks();
     bool flag(const char *key, bool fallback);
@@ -91,6 +94,9 @@ class AtaDevice {
     bool nativeMaxJustRead_ = false;
     bool nonVolatileMaxSet_ = false;
     std::optional<uint64_t> volatileUserBlocks_;
+    // The power mode CHECK POWER MODE reports (its count register).
+    static constexpr uint8_t kPowerStandby = 0x00, kPowerIdle = 0x80, kPowerActive = 0xFF;
+    uint8_t powerMode_ = kPowerActive;
 };
 
 // The drive's persistent state as the rest of the farm sees it (e.g. a RAID volume over a

@@ -24,6 +24,7 @@ constexpr const char *kErrorInjectionKey = "ata.errorInjection";
 // SMART commands carry this key in LBA 23..8 (mid 0x4F, high 0xC2), and RETURN STATUS
 // answers with it when no threshold is exceeded.
 constexpr uint64_t kSmartSignature = 0xC24F;
+constexpr uint64_t kSmartThresholdExceeded = 0x2CF4; // RETURN STATUS: mid 0xF4, high 0x2C
 
 // The product family that understands the vendor error-injection command.
 constexpr std::string_view kErrorInjectionProduct = "MQX5108";

@@ -1,5 +1,6 @@
-// The ATA device's SMART and logs: SMART READ DATA, ENABLE/DISABLE OPERATIONS and RETURN
-// STATUS, and READ LOG EXT / READ LOG DMA EXT over the general-purpose logs.
+// The ATA device's SMART and logs: SMART READ DATA, READ ATTRIBUTE THRESHOLDS, READ LOG,
+// ENABLE/DISABLE OPERATIONS and RETURN STATUS, and READ LOG EXT / READ LOG DMA EXT over
+// the general-purpose logs.
 #include "ata_device_internal.h"
 
 #include <cstring>
@@ -17,13 +18,30 @@ AtaCompletion AtaDevice::smart(const Request &request) {
         return aborted();
     }
     switch (subcommand) {
-    case 0xD0: { // READ DATA
+    case 0xD0:   // READ DATA
+    case 0xD1: { // READ ATTRIBUTE THRESHOLDS
         if (!phaseMatches(request.phase, request.data, request.length, AtaDataPhase::In, kBlockSize)) {
             return aborted();
         }
-        AtaSector data = buildSmartData(sataUncorrectableCount(settings_));
+        AtaSector data =
+            subcommand == 0xD0 ? buildSmartData(sataUncorrectableCount(settings_)) : buildSmartThresholds();
         std::memcpy(request.data, data.data(), data.size());
         return completed(kBlockSize);
+    }
+    case 0xD5: { // READ LOG: the log address in LBA 7..0, the pages in the count
+        const uint32_t pages = registers.count & 0xFF;
+        if (pages == 0 ||
+            !phaseMatches(request.phase, request.data, request.length, AtaDataPhase::In, pages * kBlockSize)) {
+            return aborted();
+        }
+        for (uint32_t i = 0; i < pages; ++i) {
+            AtaSector page;
+            if (!buildSmartLogPage(registers.lba & 0xFF, static_cast<uint16_t>(i), &page)) {
+                return aborted();
+            }
+            std::memcpy(request.data + i * kBlockSize, page.data(), page.size());
+        }
+        return completed(pages * kBlockSize);
     }
     case kEnableOperations:
     case 0xD9: // DISABLE OPERATIONS
@@ -32,12 +50,12 @@ AtaCompletion AtaDevice::smart(const Request &request) {
         }
         settings_.set(kSmartKey, subcommand == kEnableOperations ? "1" : "0");
         return completed();
-    case 0xDA: { // RETURN STATUS: no threshold exceeded
+    case 0xDA: { // RETURN STATUS: the key when no threshold is exceeded, else its complement
         if (request.phase != AtaDataPhase::None) {
             return aborted();
         }
         AtaCompletion completion = completed();
-        completion.lba = kSmartSignature << 8;
+        completion.lba = (smartThresholdExceeded() ? kSmartThresholdExceeded : kSmartSignature) << 8;
         return completion;
     }
     default:

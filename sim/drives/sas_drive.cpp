@@ -16,17 +16,6 @@
 namespace kelsim {
 namespace sas {
 
-uint64_t fnv1a64(const uint8_t *bytes, size_t size, uint64_t hash) {
-    for (size_t i = 0; i < size; ++i) {
-        hash = (hash ^ bytes[i]) * 0x100000001B3ULL;
-    }
-    return hash;
-}
-
-uint64_t fnv1a64(const std::string &text, uint64_t hash) {
-    return fnv1a64(reinterpret_cast<const uint8_t *>(text.data()), text.size(), hash);
-}
-
 // ---- sense helpers local to the drive ----
 
 ScsiResult lbaOutOfRange() {
@@ -54,7 +43,7 @@ const SasDrive::CommandEntry SasDrive::kCommands[] = {
     {0x0A, 6, true, &SasDrive::write},
     {0x12, 6, false, &SasDrive::inquiry},
     {0x15, 6, false, &SasDrive::modeSelect6},
-    {0x1A, 6, false, &SasDrive::modeSense6},
+    {0x1A, 6, false, &SasDrive::modeSense},
     {0x1B, 6, false, &SasDrive::startStopUnit},
     {0x1C, 6, false, &SasDrive::receiveDiagnosticResults},
     {0x1D, 6, false, &SasDrive::sendDiagnostic},
@@ -72,7 +61,7 @@ const SasDrive::CommandEntry SasDrive::kCommands[] = {
     {0x4C, 10, false, &SasDrive::logSelect},
     {0x4D, 10, false, &SasDrive::logSense},
     {0x55, 10, false, &SasDrive::modeSelect10},
-    {0x5A, 10, false, &SasDrive::modeSense10},
+    {0x5A, 10, false, &SasDrive::modeSense},
     {0x88, 16, true, &SasDrive::read},
     {0x8A, 16, true, &SasDrive::write},
     {0x8E, 16, true, &SasDrive::write},

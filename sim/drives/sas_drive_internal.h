@@ -31,10 +31,6 @@ constexpr const char *kKeyStopped = "stopped";          // "1" after START STOP 
 constexpr const char *kKeyMediaErrors = "media_errors"; // blank-separated hexadecimal LBAs
 // Mode pages: "mode.XX.current" and "mode.XX.saved", the page bytes in hexadecimal.
 
-// A hash that makes each drive's generated values (identifiers, logs, check bytes) its own.
-uint64_t fnv1a64(const uint8_t *bytes, size_t size, uint64_t hash = 0xCBF29CE484222325ULL);
-uint64_t fnv1a64(const std::string &text, uint64_t hash = 0xCBF29CE484222325ULL);
-
 // ---- sense helpers local to the drive (sas_drive.cpp) ----
 
 ScsiResult lbaOutOfRange();
@@ -118,8 +114,7 @@ class SasDrive : public ScsiTarget {
 
     // ---- mode pages (sas_mode_pages.cpp) ----
 
-    ScsiResult modeSense6(const Request &request);
-    ScsiResult modeSense10(const Request &request);
+    ScsiResult modeSense(const Request &request); // (6) and (10)
     ScsiResult modeSelect6(const Request &request);
     ScsiResult modeSelect10(const Request &request);
 
@@ -129,7 +124,6 @@ class SasDrive : public ScsiTarget {
     void storeModePage(const ModePageDefinition &definition, const std::vector<uint8_t> &page, bool save);
     bool collectModePages(uint8_t pageCode, int pageControl, std::vector<uint8_t> *pages);
     void blockDescriptor(int pageControl, bool longLba, std::vector<uint8_t> *out);
-    ScsiResult modeSense(const Request &request, bool tenByte);
     ScsiResult applyModeParameters(const uint8_t *list, size_t length, size_t headerLength,
                                    size_t blockDescriptorLength, bool longLba, bool save, bool pageFormat);
 
@@ -140,6 +134,8 @@ class SasDrive : public ScsiTarget {
 
     // asNew: the page as a new drive shows it (the defaults of page control 2 and 3).
     std::vector<uint8_t> logPage(uint8_t code, bool asNew);
+    std::vector<uint8_t> temperaturePage(bool asNew);
+    std::vector<uint8_t> informationalExceptionsPage(bool asNew);
     std::vector<uint8_t> errorHistoryPage(bool asNew);
     std::vector<uint8_t> smartPage(bool asNew);
     // Counters and error history after every command.

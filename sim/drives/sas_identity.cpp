@@ -2,6 +2,7 @@
 // READ CAPACITY (10) and (16), REPORT LUNS, REQUEST SENSE, START STOP UNIT.
 #include "sas_drive_internal.h"
 #include "sas_life.h"
+#include "scsi_pages.h"
 #include "text_fields.h"
 
 #include <algorithm>
@@ -56,46 +57,41 @@ std::vector<uint8_t> SasDrive::standardInquiry() {
 }
 
 uint64_t SasDrive::naaIdentifier() {
-    // NAA 5 (IEEE registered): 4-bit NAA, 24-bit company identifier, 36 bits of our own.
-    constexpr uint64_t kCompanyId = 0x0A5E11;
-    uint64_t unique = fnv1a64(identity_.vendor + identity_.product + identity_.serial) & 0xFFFFFFFFFULL;
-    return (uint64_t{5} << 60) | (kCompanyId << 36) | (unique & ~uint64_t{1}); // even: the port is LU + 1
+    return kelsim::naaIdentifier(identity_.vendor + identity_.product + identity_.serial);
 }
 
 bool SasDrive::vitalProductPage(uint8_t code, std::vector<uint8_t> *page) {
-    std::vector<uint8_t> &data = *page;
-    data.assign(4, 0);
-    data[1] = code;
+    constexpr uint16_t kRotationRate = 10000;
+    constexpr uint8_t kFormFactor25Inch = 0x03;
+    std::vector<uint8_t> body;
     switch (code) {
     case 0x00:
-        data.insert(data.end(), {0x00, 0x80, 0x83});
+        body = {0x00, 0x80, 0x83, 0xB0, 0xB1};
         break;
     case 0x80:
-        data.insert(data.end(), identity_.serial.begin(), identity_.serial.end());
+        body.assign(identity_.serial.begin(), identity_.serial.end());
         break;
     case 0x83: {
         // Logical unit NAA, target port NAA (SAS address), T10 vendor identification.
-        uint8_t naa[12] = {0x01, 0x03, 0x00, 0x08};
-        putBe(&naa[4], 8, naaIdentifier());
-        data.insert(data.end(), naa, naa + 12);
+        appendNaaDesignator(&body, naaIdentifier());
         uint8_t port[12] = {0x61, 0x93, 0x00, 0x08}; // SAS, binary; PIV, target port, NAA
         putBe(&port[4], 8, naaIdentifier() + 1);
-        data.insert(data.end(), port, port + 12);
-        std::vector<uint8_t> t10(4 + 24, ' ');
-        t10[0] = 0x02; // ASCII
-        t10[1] = 0x01; // logical unit, T10 vendor ID
-        t10[2] = 0x00;
-        putText(&t10[4], 8, identity_.vendor);
-        putText(&t10[12], 16, identity_.product);
-        t10.insert(t10.end(), identity_.serial.begin(), identity_.serial.end());
-        t10[3] = static_cast<uint8_t>(t10.size() - 4);
-        data.insert(data.end(), t10.begin(), t10.end());
+        body.insert(body.end(), port, port + sizeof port);
+        std::string product(16, ' ');
+        putText(&product[0], product.size(), identity_.product);
+        appendT10VendorDesignator(&body, identity_.vendor, product + identity_.serial);
         break;
     }
+    case 0xB0: // WRITE SAME as long as any other transfer, so that no command takes long
+        *page = blockLimitsPage(0, 0, kMaxTransferBlocks);
+        return true;
+    case 0xB1:
+        *page = blockCharacteristicsPage(kRotationRate, kFormFactor25Inch);
+        return true;
     default:
         return false;
     }
-    putBe(&data[2], 2, data.size() - 4);
+    *page = vpdPage(code, body);
     return true;
 }
 

@@ -1,7 +1,8 @@
-// The SAS drive's log pages: the supported-pages list, the error history (0x31) and the
-// SMART counters (0x32) built from what the drive has been through (sas_life), in the
-// layout its family shares with the log-sense report; LOG SENSE and LOG SELECT. Also the
-// bookkeeping every command leaves in that life: counters and the error history.
+// The SAS drive's log pages: the supported-pages lists, temperature (0x0D), informational
+// exceptions (0x2F), the error history (0x31) and the SMART counters (0x32) built from
+// what the drive has been through (sas_life), the last in the layout its family shares
+// with the log-sense report; LOG SENSE and LOG SELECT. Also the bookkeeping every command
+// leaves in that life: counters and the error history.
 #include "layouts/smart_log_layouts.h"
 #include "sas_drive_internal.h"
 #include "sas_life.h"
@@ -98,10 +99,35 @@ std::vector<uint8_t> SasDrive::smartPage(bool asNew) {
     return writer.finish();
 }
 
+// Page 0x0D: the temperature now and the highest the drive is made for, in Celsius.
+std::vector<uint8_t> SasDrive::temperaturePage(bool asNew) {
+    constexpr uint8_t kReferenceTemperature = 60;
+    const DriveCounters counters = asNew ? newDriveCounters() : loadDriveCounters(settings_);
+    LogPageWriter writer(0x0D);
+    writer.block(0x0000, 6)[5] = static_cast<uint8_t>(std::min<uint32_t>(counters.temperature, 0xFE));
+    writer.block(0x0001, 6)[5] = kReferenceTemperature;
+    return writer.finish();
+}
+
+// Page 0x2F: the SMART trip set on the drive (ASC and ASCQ, 0 when none) and the temperature.
+std::vector<uint8_t> SasDrive::informationalExceptionsPage(bool asNew) {
+    const DriveCounters counters = asNew ? newDriveCounters() : loadDriveCounters(settings_);
+    LogPageWriter writer(0x2F);
+    uint8_t *parameter = writer.block(0x0000, 8);
+    parameter[4] = static_cast<uint8_t>(counters.smartAsc);
+    parameter[5] = static_cast<uint8_t>(counters.smartAscq);
+    parameter[6] = static_cast<uint8_t>(std::min<uint32_t>(counters.temperature, 0xFE));
+    return writer.finish();
+}
+
 std::vector<uint8_t> SasDrive::logPage(uint8_t code, bool asNew) {
     switch (code) {
     case 0x00:
-        return {0x00, 0x00, 0x00, 0x03, 0x00, 0x31, 0x32};
+        return {0x00, 0x00, 0x00, 0x05, 0x00, 0x0D, 0x2F, 0x31, 0x32};
+    case 0x0D:
+        return temperaturePage(asNew);
+    case 0x2F:
+        return informationalExceptionsPage(asNew);
     case 0x31:
         return errorHistoryPage(asNew);
     case 0x32:
@@ -138,6 +164,19 @@ ScsiResult SasDrive::logSense(const Request &request) {
     }
     if (cdb[1] & 0x01) {
         return invalidFieldInCdb(1, 0); // SP: log parameters are not saved
+    }
+    if (cdb[3] == 0xFF && (cdb[2] & 0x3F) == 0x00 && getBe(&cdb[5], 2) == 0) {
+        // Supported pages and subpages: every page has only its subpage 0, and this list is 0x00/0xFF.
+        const std::vector<uint8_t> pages = logPage(0x00, false);
+        std::vector<uint8_t> list = {0x40, 0xFF, 0x00, 0x00};
+        for (size_t i = 4; i < pages.size(); ++i) {
+            list.insert(list.end(), {pages[i], 0x00});
+            if (pages[i] == 0x00) {
+                list.insert(list.end(), {0x00, 0xFF});
+            }
+        }
+        putBe(&list[2], 2, list.size() - 4);
+        return sendData(request.command, list, getBe(&cdb[7], 2));
     }
     if (cdb[3] != 0) {
         return invalidFieldInCdb(3); // no subpages

@@ -3,6 +3,7 @@
 // RECEIVE DIAGNOSTIC RESULTS.
 #include "sas_drive_internal.h"
 #include "sas_life.h"
+#include "text_fields.h"
 
 #include <algorithm>
 #include <array>

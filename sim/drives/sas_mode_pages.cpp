@@ -2,6 +2,7 @@
 // and saved values kept in the drive's settings, MODE SENSE (6)/(10) and MODE SELECT (6)/(10)
 // with the block descriptor that changes the capacity.
 #include "sas_drive_internal.h"
+#include "scsi_pages.h"
 #include "text_fields.h"
 
 #include <algorithm>
@@ -19,7 +20,6 @@ struct ModePageDefinition {
 
 namespace {
 
-enum PageControl { kCurrent = 0, kChangeable = 1, kDefault = 2, kSaved = 3 };
 constexpr uint8_t kInjectionPage = 0x22; // vendor error injection: sas_error_injection.cpp
 
 // Ascending page code order, which is also the order of "all pages".
@@ -155,66 +155,26 @@ void SasDrive::blockDescriptor(int pageControl, bool longLba, std::vector<uint8_
         blocks = ~uint64_t{0}; // the block count can be changed, the block length cannot
         blockLength = 0;
     }
-    if (longLba) {
-        uint8_t descriptor[16] = {};
-        putBe(&descriptor[0], 8, blocks);
-        putBe(&descriptor[12], 4, blockLength);
-        out->insert(out->end(), descriptor, descriptor + 16);
-    } else {
-        uint8_t descriptor[8] = {};
-        putBe(&descriptor[0], 4, std::min<uint64_t>(blocks, 0xFFFFFFFFULL));
-        putBe(&descriptor[5], 3, blockLength);
-        out->insert(out->end(), descriptor, descriptor + 8);
-    }
+    const std::vector<uint8_t> descriptor = modeBlockDescriptor(blocks, blockLength, longLba);
+    out->insert(out->end(), descriptor.begin(), descriptor.end());
 }
 
-ScsiResult SasDrive::modeSense(const Request &request, bool tenByte) {
-    const uint8_t *cdb = request.cdb;
-    bool disableBlockDescriptors = cdb[1] & 0x08;
-    bool longLba = tenByte && (cdb[1] & 0x10);
-    int pageControl = cdb[2] >> 6;
-    uint8_t pageCode = cdb[2] & 0x3F;
-    uint8_t subpage = cdb[3];
-    uint64_t allocation = tenByte ? getBe(&cdb[7], 2) : cdb[4];
-    if (subpage != 0 && subpage != 0xFF) {
-        return invalidFieldInCdb(3); // no page has subpages: 0xFF ("all") gives each page once
+ScsiResult SasDrive::modeSense(const Request &request) {
+    const ModeSenseRequest sense = decodeModeSense(request.cdb);
+    if (ScsiResult refusal; modeSenseRefused(sense, true, &refusal)) {
+        return refusal;
     }
     std::vector<uint8_t> pages;
-    if (!collectModePages(pageCode, pageControl, &pages)) {
+    if (!collectModePages(sense.pageCode, sense.pageControl, &pages)) {
         return invalidFieldInCdb(2, 5);
     }
     std::vector<uint8_t> descriptor;
-    if (!disableBlockDescriptors) {
-        blockDescriptor(pageControl, longLba, &descriptor);
+    if (!sense.disableBlockDescriptors) {
+        blockDescriptor(sense.pageControl, sense.longLba, &descriptor);
     }
     constexpr uint8_t kDpoFua = 0x10; // device-specific parameter: DPO and FUA supported, not write protected
-    std::vector<uint8_t> data;
-    if (tenByte) {
-        data.assign(8, 0);
-        data[3] = kDpoFua;
-        data[4] = longLba ? 0x01 : 0x00;
-        putBe(&data[6], 2, descriptor.size());
-    } else {
-        data.assign(4, 0);
-        data[2] = kDpoFua;
-        data[3] = static_cast<uint8_t>(descriptor.size());
-    }
-    data.insert(data.end(), descriptor.begin(), descriptor.end());
-    data.insert(data.end(), pages.begin(), pages.end());
-    if (tenByte) {
-        putBe(&data[0], 2, data.size() - 2);
-    } else {
-        data[0] = static_cast<uint8_t>(data.size() - 1);
-    }
-    return sendData(request.command, data, allocation);
-}
-
-ScsiResult SasDrive::modeSense6(const Request &request) {
-    return modeSense(request, false);
-}
-
-ScsiResult SasDrive::modeSense10(const Request &request) {
-    return modeSense(request, true);
+    const std::vector<uint8_t> data = modeParameterData(sense.tenByte, sense.longLba, kDpoFua, descriptor, pages);
+    return sendData(request.command, data, sense.allocation);
 }
 
 ScsiResult SasDrive::modeSelect6(const Request &request) {

@@ -3,6 +3,8 @@
 #include "sat_scsi.h"
 
 #include "byte_order.h"
+#include "scsi_pages.h"
+#include "text_fields.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,6 +15,7 @@ namespace kelsim {
 namespace {
 
 constexpr uint8_t kAtaIdentify = 0xEC, kAtaReadExt = 0x24, kAtaWriteExt = 0x34, kAtaFlushExt = 0xEA;
+constexpr uint8_t kAtaReadVerifyExt = 0x42, kAtaStandbyImmediate = 0xE0, kAtaIdleImmediate = 0xE1;
 constexpr uint32_t kMostAtaSectors = 65536; // a count of 0 in a 48-bit command
 constexpr uint8_t kDeviceLba = 0x40;
 
@@ -30,21 +33,13 @@ std::string ataString(const AtaSector &data, unsigned firstWord, unsigned words)
     return text;
 }
 
-void putText(uint8_t *field, size_t width, const std::string &text) {
-    memset(field, ' ', width);
-    memcpy(field, text.data(), std::min(width, text.size()));
-}
-
-// A data-in answer cut to the allocation length and the host's buffer.
+// A data-in answer cut to the allocation length and the host's buffer; a host that set up
+// no data-in buffer for it gets a refusal.
 ScsiResult sendData(const ScsiCommand &command, const std::vector<uint8_t> &data, uint64_t allocation) {
-    ScsiResult result;
-    if (command.direction != DataDirection::FromDevice || command.data == nullptr) {
-        return allocation == 0 ? result : invalidFieldInCdb(0);
+    if ((command.direction != DataDirection::FromDevice || command.data == nullptr) && allocation != 0) {
+        return invalidFieldInCdb(0);
     }
-    const size_t size = static_cast<size_t>(std::min<uint64_t>({data.size(), allocation, command.dataLength}));
-    memcpy(command.data, data.data(), size);
-    result.transferred = static_cast<uint32_t>(size);
-    return result;
+    return replyData(command, data, allocation);
 }
 
 // What an ATA error becomes in SCSI sense, the failing LBA in the information field.
@@ -65,8 +60,6 @@ ScsiResult senseForAtaError(const AtaCompletion &completion) {
 }
 
 // ---- mode pages as the layer builds them ----
-
-enum PageControl { kCurrent = 0, kChangeable = 1, kDefault = 2, kSaved = 3 };
 
 // Read-write error recovery, caching (write cache and look-ahead from IDENTIFY), control,
 // informational exceptions (DEXCPT when SMART is off). No field can be changed.
@@ -113,14 +106,17 @@ bool SatScsiCommands::translates(uint8_t opcode) {
     case 0x0A: // WRITE(6)
     case 0x12: // INQUIRY
     case 0x1A: // MODE SENSE(6)
+    case 0x1B: // START STOP UNIT
     case 0x25: // READ CAPACITY(10)
     case 0x28: // READ(10)
     case 0x2A: // WRITE(10)
+    case 0x2F: // VERIFY(10)
     case 0x35: // SYNCHRONIZE CACHE(10)
     case 0x4D: // LOG SENSE
     case 0x5A: // MODE SENSE(10)
     case 0x88: // READ(16)
     case 0x8A: // WRITE(16)
+    case 0x8F: // VERIFY(16)
     case 0x91: // SYNCHRONIZE CACHE(16)
     case 0x9E: // SERVICE ACTION IN(16): READ CAPACITY(16)
         return true;
@@ -135,10 +131,7 @@ ScsiResult SatScsiCommands::execute(const ScsiCommand &command) {
     memcpy(cdb, command.cdb, std::min<size_t>(command.cdbLength, sizeof cdb));
     ScsiResult result = dispatch(cdb, command);
     result.transferred = std::min(result.transferred, command.dataLength);
-    if (result.checkCondition) {
-        lastSense_ = result;
-        haveLastSense_ = true;
-    }
+    pendingSense_.keep(result);
     return result;
 }
 
@@ -147,13 +140,12 @@ ScsiResult SatScsiCommands::dispatch(const uint8_t *cdb, const ScsiCommand &comm
     case 0x00:
         return ScsiResult{};
     case 0x03:
-        return requestSense(cdb, command);
+        return pendingSense_.answer(command, cdb);
     case 0x12:
         return inquiry(cdb, command);
     case 0x1A:
-        return modeSense(cdb, command, false);
     case 0x5A:
-        return modeSense(cdb, command, true);
+        return modeSense(cdb, command);
     case 0x25:
         return readCapacity(cdb, command, false);
     case 0x9E:
@@ -165,7 +157,12 @@ ScsiResult SatScsiCommands::dispatch(const uint8_t *cdb, const ScsiCommand &comm
     case 0x91:
         return synchronizeCache();
     case 0x4D:
-        return logSense(cdb, command);
+        return logSenseOfSupportedPages(command, cdb);
+    case 0x1B:
+        return startStopUnit(cdb);
+    case 0x2F:
+    case 0x8F:
+        return verify(cdb);
     case 0x08:
     case 0x0A:
     case 0x28:
@@ -219,7 +216,7 @@ ScsiResult SatScsiCommands::inquiry(const uint8_t *cdb, const ScsiCommand &comma
     }
     switch (cdb[2]) {
     case 0x00:
-        page = {0x00, 0x00, 0x00, 0x03, 0x00, 0x80, 0x89};
+        page = vpdPage(0x00, {0x00, 0x80, 0x83, 0x89, 0xB0, 0xB1});
         break;
     case 0x80: {
         std::string serial = ataString(data, 10, 10);
@@ -229,6 +226,27 @@ ScsiResult SatScsiCommands::inquiry(const uint8_t *cdb, const ScsiCommand &comma
         page.insert(page.end(), serial.begin(), serial.end());
         break;
     }
+    case 0x83: {
+        // The world wide name from IDENTIFY (when it has one), then the T10 vendor
+        // identification as the layer makes it: "ATA", the model number and the serial number.
+        std::vector<uint8_t> body;
+        if (getWord(data.data(), 87) & 0x0100) {
+            uint64_t worldWideName = 0;
+            for (unsigned i = 0; i < 4; ++i) {
+                worldWideName = worldWideName << 16 | getWord(data.data(), 108 + i);
+            }
+            appendNaaDesignator(&body, worldWideName);
+        }
+        appendT10VendorDesignator(&body, "ATA", ataString(data, 27, 20) + ataString(data, 10, 10));
+        page = vpdPage(0x83, body);
+        break;
+    }
+    case 0xB0: // no WRITE SAME
+        page = blockLimitsPage(0, 0, 0);
+        break;
+    case 0xB1: // rotation rate and form factor from IDENTIFY words 217 and 168
+        page = blockCharacteristicsPage(getWord(data.data(), 217), getWord(data.data(), 168) & 0x0F);
+        break;
     case 0x89: {
         // ATA Information: the layer's identity, the device signature and IDENTIFY data.
         page.assign(572, 0);
@@ -337,31 +355,10 @@ ScsiResult SatScsiCommands::synchronizeCache() {
     return completion.failed() ? senseForAtaError(completion) : ScsiResult{};
 }
 
-ScsiResult SatScsiCommands::requestSense(const uint8_t *cdb, const ScsiCommand &command) {
-    if (cdb[1] & 0x01) {
-        return invalidFieldInCdb(1, 0); // descriptor format is not offered
-    }
-    std::vector<uint8_t> data(18, 0);
-    data[0] = 0x70;
-    data[7] = 10;
-    if (haveLastSense_) {
-        std::copy(lastSense_.sense.begin(), lastSense_.sense.end(), data.begin());
-        haveLastSense_ = false;
-    }
-    return sendData(command, data, cdb[4]);
-}
-
-ScsiResult SatScsiCommands::modeSense(const uint8_t *cdb, const ScsiCommand &command, bool tenByte) {
-    const bool disableBlockDescriptors = cdb[1] & 0x08;
-    const int pageControl = cdb[2] >> 6;
-    const uint8_t pageCode = cdb[2] & 0x3F;
-    const uint8_t subpage = cdb[3];
-    const uint64_t allocation = tenByte ? getBe(&cdb[7], 2) : cdb[4];
-    if (pageControl == kSaved) {
-        return checkCondition(sense::kIllegalRequest, 0x39, 0x00); // saving parameters not supported
-    }
-    if (subpage != 0 && subpage != 0xFF) {
-        return invalidFieldInCdb(3);
+ScsiResult SatScsiCommands::modeSense(const uint8_t *cdb, const ScsiCommand &command) {
+    const ModeSenseRequest request = decodeModeSense(cdb);
+    if (ScsiResult refusal; modeSenseRefused(request, false, &refusal)) {
+        return refusal;
     }
     AtaSector data{};
     if (!identify(&data)) {
@@ -369,50 +366,66 @@ ScsiResult SatScsiCommands::modeSense(const uint8_t *cdb, const ScsiCommand &com
     }
     std::vector<uint8_t> pages;
     for (uint8_t code : kModePages) {
-        if (pageCode == 0x3F || pageCode == code) {
-            const std::vector<uint8_t> page = modePage(code, pageControl, data);
+        if (request.pageCode == 0x3F || request.pageCode == code) {
+            const std::vector<uint8_t> page = modePage(code, request.pageControl, data);
             pages.insert(pages.end(), page.begin(), page.end());
         }
     }
     if (pages.empty()) {
         return invalidFieldInCdb(2, 5);
     }
-    std::vector<uint8_t> answer(tenByte ? 8 : 4, 0);
-    if (!disableBlockDescriptors) {
-        uint8_t descriptor[8] = {};
-        putBe(&descriptor[0], 4, std::min<uint64_t>(userBlocks(data), 0xFFFFFFFFull));
-        putBe(&descriptor[5], 3, kBlockSize);
-        answer.insert(answer.end(), descriptor, descriptor + 8);
-        if (tenByte) {
-            answer[7] = 8;
-        } else {
-            answer[3] = 8;
-        }
+    std::vector<uint8_t> descriptor;
+    if (!request.disableBlockDescriptors) {
+        descriptor = modeBlockDescriptor(userBlocks(data), kBlockSize, request.longLba);
     }
-    answer.insert(answer.end(), pages.begin(), pages.end());
-    if (tenByte) {
-        putBe(&answer[0], 2, answer.size() - 2);
-    } else {
-        answer[0] = static_cast<uint8_t>(answer.size() - 1);
-    }
-    return sendData(command, answer, allocation);
+    return sendData(command, modeParameterData(request.tenByte, request.longLba, 0x00, descriptor, pages),
+                    request.allocation);
 }
 
-ScsiResult SatScsiCommands::logSense(const uint8_t *cdb, const ScsiCommand &command) {
-    if (cdb[1] & 0x01) {
-        return invalidFieldInCdb(1, 0); // SP: nothing is saved
+// VERIFY (10, 16) as READ VERIFY SECTOR(S) EXT: the medium only, no data compared.
+ScsiResult SatScsiCommands::verify(const uint8_t *cdb) {
+    if (cdb[1] & 0x06) {
+        return invalidFieldInCdb(1, 2); // BYTCHK
     }
-    if ((cdb[2] & 0x3F) != 0x00) {
-        return invalidFieldInCdb(2, 5); // only the list of supported pages
+    const bool sixteen = cdb[0] == 0x8F;
+    const uint64_t lba = sixteen ? getBe(&cdb[2], 8) : getBe(&cdb[2], 4);
+    const uint64_t blocks = sixteen ? getBe(&cdb[10], 4) : getBe(&cdb[7], 2);
+    AtaSector data{};
+    if (!identify(&data)) {
+        return checkCondition(sense::kAbortedCommand, 0x00, 0x00);
     }
-    if (cdb[3] != 0) {
-        return invalidFieldInCdb(3);
+    if (lba > userBlocks(data) || blocks > userBlocks(data) - lba) {
+        return checkCondition(sense::kIllegalRequest, sense::kAscLbaOutOfRange, 0);
     }
-    if (getBe(&cdb[5], 2) != 0) {
-        return invalidFieldInCdb(5); // the list has no parameters to point at
+    for (uint64_t done = 0; done < blocks;) {
+        const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(blocks - done, kMostAtaSectors));
+        AtaCommandBlock registers;
+        registers.command = kAtaReadVerifyExt;
+        registers.count = static_cast<uint16_t>(count); // 65536 is written as 0
+        registers.lba = lba + done;
+        registers.device = kDeviceLba;
+        const AtaCompletion completion = device_.execute(registers, AtaDataPhase::None, nullptr, 0);
+        if (completion.failed()) {
+            return senseForAtaError(completion);
+        }
+        done += count;
     }
-    const std::vector<uint8_t> page = {0x00, 0x00, 0x00, 0x01, 0x00};
-    return sendData(command, page, getBe(&cdb[7], 2));
+    return ScsiResult{};
+}
+
+// START STOP UNIT as IDLE IMMEDIATE (start) or STANDBY IMMEDIATE (stop); no power
+// conditions and no medium to load or eject.
+ScsiResult SatScsiCommands::startStopUnit(const uint8_t *cdb) {
+    if (cdb[4] & 0xF0) {
+        return invalidFieldInCdb(4, 7);
+    }
+    if (cdb[4] & 0x02) {
+        return invalidFieldInCdb(4, 1); // LOEJ
+    }
+    AtaCommandBlock registers;
+    registers.command = (cdb[4] & 0x01) ? kAtaIdleImmediate : kAtaStandbyImmediate;
+    const AtaCompletion completion = device_.execute(registers, AtaDataPhase::None, nullptr, 0);
+    return completion.failed() ? senseForAtaError(completion) : ScsiResult{};
 }
 
 } // namespace kelsim

@@ -1,12 +1,14 @@
 // The standard SCSI commands the SCSI/ATA translation layer in front of a SATA drive
-// answers itself, as an operating system's layer does: INQUIRY (with the ATA Information
-// VPD page), READ CAPACITY, READ and WRITE in three sizes, SYNCHRONIZE CACHE, TEST UNIT
-// READY, REQUEST SENSE, MODE SENSE and LOG SENSE, each carried out with ATA commands on
-// the device behind it.
+// answers itself, as an operating system's layer does: INQUIRY (with the device
+// identification, block limits, block device characteristics and ATA Information VPD
+// pages), READ CAPACITY, READ and WRITE in three sizes, VERIFY, SYNCHRONIZE CACHE, TEST
+// UNIT READY, REQUEST SENSE, START STOP UNIT, MODE SENSE and LOG SENSE, each carried out
+// with ATA commands on the device behind it.
 #pragma once
 
 #include "ata_device.h"
 #include "device.h"
+#include "scsi_pages.h"
 
 namespace kelsim {
 
@@ -24,16 +26,15 @@ class SatScsiCommands {
     ScsiResult readCapacity(const uint8_t *cdb, const ScsiCommand &command, bool sixteen);
     ScsiResult transfer(const uint8_t *cdb, const ScsiCommand &command);
     ScsiResult synchronizeCache();
-    ScsiResult requestSense(const uint8_t *cdb, const ScsiCommand &command);
-    ScsiResult modeSense(const uint8_t *cdb, const ScsiCommand &command, bool tenByte);
-    ScsiResult logSense(const uint8_t *cdb, const ScsiCommand &command);
+    ScsiResult verify(const uint8_t *cdb);
+    ScsiResult startStopUnit(const uint8_t *cdb);
+    ScsiResult modeSense(const uint8_t *cdb, const ScsiCommand &command);
 
     bool identify(AtaSector *data);
     uint64_t userBlocks(const AtaSector &identifyData) const;
 
     AtaDevice &device_;
-    ScsiResult lastSense_{}; // what REQUEST SENSE reports: the last check condition, once
-    bool haveLastSense_ = false;
+    PendingSense pendingSense_;
 };
 
 } // namespace kelsim

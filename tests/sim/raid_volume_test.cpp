@@ -291,7 +291,7 @@ TEST(RaidCommands, RangeAndOpcodeRefusals) {
     EXPECT_FALSE(result.checkCondition); // the last block itself is fine
 
     std::vector<uint8_t> none;
-    result = run(*array.volume, {0x35, 0, 0, 0, 0, 0, 0, 0, 0, 0}, DataDirection::None, &none);
+    result = run(*array.volume, {0x1E, 0, 0, 0, 0x01, 0}, DataDirection::None, &none); // PREVENT MEDIUM REMOVAL
     EXPECT_EQ(result.sense[12], sense::kAscInvalidOpcode);
 
     // A transfer bigger than the host buffer is refused rather than overrun.

@@ -189,7 +189,7 @@ TEST_F(SasDriveTest, InquiryStandardDataAndVitalProductPages) {
     EXPECT_EQ(asc(in({0x12, 1, 0xB7, 0, 0xFF, 0}, &data)), sense::kAscInvalidFieldInCdb);
 
     in({0x12, 1, 0x00, 0, 0xFF, 0}, &data);
-    EXPECT_EQ(data, (Bytes{0, 0, 0, 3, 0x00, 0x80, 0x83}));
+    EXPECT_EQ(data, (Bytes{0, 0, 0, 5, 0x00, 0x80, 0x83, 0xB0, 0xB1}));
     in({0x12, 1, 0x80, 0, 0xFF, 0}, &data);
     EXPECT_EQ(be(data, 2, 2), identity.serial.size());
     EXPECT_EQ(text(data, 4, identity.serial.size()), identity.serial);
@@ -416,7 +416,7 @@ TEST_F(SasDriveTest, LongBlocksOfTheDrivesOwnLengthAndCorrctOnABadBlock) {
 TEST_F(SasDriveTest, LogPagesHaveTheirFamilyLayouts) {
     Bytes data;
     in({0x4D, 0, 0x00, 0, 0, 0, 0, 0, 0xFF, 0}, &data);
-    EXPECT_EQ(data, (Bytes{0, 0, 0, 3, 0x00, 0x31, 0x32}));
+    EXPECT_EQ(data, (Bytes{0, 0, 0, 5, 0x00, 0x0D, 0x2F, 0x31, 0x32}));
 
     ASSERT_FALSE(in({0x4D, 0, 0x31, 0, 0, 0, 0, 0x35, 0x74, 0}, &data).checkCondition);
     ASSERT_EQ(data.size(), 13684u);
@@ -445,7 +445,7 @@ TEST_F(SasDriveTest, LogPagesHaveTheirFamilyLayouts) {
     in({0x4D, 0, 0x32, 0, 0, 0, 0, 0, 0xD4, 0}, &data); // what the report asks of a 073 drive
     EXPECT_EQ(data.size(), 212u);
 
-    EXPECT_EQ(fieldPointer(in({0x4D, 0, 0x0D, 0, 0, 0, 0, 0, 0xFF, 0}, &data)), 2);
+    EXPECT_EQ(fieldPointer(in({0x4D, 0, 0x15, 0, 0, 0, 0, 0, 0xFF, 0}, &data)), 2); // not listed
     in({0x4D, 0, 0x31, 0, 0, 0, 0xAA, 0x01, 0x00, 0}, &data); // from parameter 0xAA on
     EXPECT_EQ(data.size(), 4 + 2 * 80u);
 

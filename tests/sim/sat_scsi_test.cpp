@@ -80,7 +80,7 @@ TEST_F(SatScsiTest, InquiryAndItsPagesComeFromIdentify) {
     EXPECT_EQ(std::string(data.begin() + 32, data.begin() + 36), "1A2B");
 
     data = in({0x12, 1, 0x00, 0, 0xFF, 0});
-    EXPECT_EQ(data, (Bytes{0x00, 0x00, 0x00, 0x03, 0x00, 0x80, 0x89}));
+    EXPECT_EQ(data, (Bytes{0x00, 0x00, 0x00, 0x06, 0x00, 0x80, 0x83, 0x89, 0xB0, 0xB1}));
     data = in({0x12, 1, 0x80, 0, 0xFF, 0});
     EXPECT_EQ(std::string(data.begin() + 4, data.end()), "SN0123456789");
 
@@ -90,7 +90,7 @@ TEST_F(SatScsiTest, InquiryAndItsPagesComeFromIdentify) {
     EXPECT_EQ(data[56], 0xEC);
     EXPECT_EQ(Bytes(data.begin() + 60, data.end()), ata) << "the IDENTIFY data, whole";
 
-    ScsiResult refused = send({0x12, 1, 0xB0, 0, 0xFF, 0}, DataDirection::FromDevice, &data);
+    ScsiResult refused = send({0x12, 1, 0xB2, 0, 0xFF, 0}, DataDirection::FromDevice, &data); // not listed
     ASSERT_TRUE(refused.checkCondition);
     EXPECT_EQ(refused.sense[12], 0x24);
 }
