@@ -40,7 +40,7 @@ void reply(uint8_t *entry, const RingReply &answer, bool readLength) {
     std::memcpy(&written, entry, sizeof written);
     written.scsiStatus = answer.status;
     std::memset(written.sense, 0, sizeof written.sense);
-    std::memcpy(written.sense, answer.sense.data(), std::min(answer.sense.size(), sizeof written.sense));
+    std::copy_n(answer.sense.begin(), std::min(answer.sense.size(), sizeof written.sense), written.sense);
     if (readLength) {
         written.header.replyFlags |= kReplyReadLength;
         written.readLength = answer.returned;
@@ -74,7 +74,7 @@ bool runEntry(uint8_t *memory, size_t memorySize, uint8_t *entry, size_t entryLe
     size_t at = 0;
     for (const IoVector &piece : pieces) {
         const size_t part = std::min<size_t>(piece.length, answer.returned - at);
-        std::memcpy(memory + piece.offset, buffer.data() + at, part);
+        std::copy_n(buffer.begin() + static_cast<ptrdiff_t>(at), part, memory + piece.offset);
         at += part;
     }
     reply(entry, answer, readLength);
