@@ -111,7 +111,14 @@ int runPassThrough(Farm &farm, const PassCall &call) {
         } else {
             outcome = execute(farm, call);
         }
-        store.appendJournal(kelcommon::journalEntry(call, outcome));
+        // A call that changed nothing else (an INQUIRY, a LOG SENSE) leaves its row in the
+        // journal's tail, which costs no database write.
+        const JournalEntry entry = kelcommon::journalEntry(call, outcome);
+        if (store.changedInTransaction()) {
+            store.appendJournal(entry);
+        } else {
+            store.appendJournalToTail(entry);
+        }
         if (transaction.commit()) {
             kelcommon::deliver(call, outcome);
             return outcome.status;

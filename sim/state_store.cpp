@@ -4,6 +4,7 @@
 
 #include "failpoint.h"
 #include "failpoint_vfs.h"
+#include "state_store_internal.h"
 
 #include <sqlite3.h>
 
@@ -14,6 +15,7 @@
 #include <cstring>
 
 namespace kelsim {
+using namespace store_detail;
 namespace {
 
 constexpr int kSchemaVersion = 1;
@@ -75,58 +77,26 @@ const char *const kStatementText[] = {
     "SELECT kind, value, detail, remaining FROM fault ORDER BY id",
     "DELETE FROM fault",
     "SELECT lba FROM block WHERE drive = ?1 ORDER BY lba",
+    "BEGIN",
+    "BEGIN IMMEDIATE",
+    "COMMIT",
+    "ROLLBACK",
 };
-
-// Resets a cached statement when the function using it returns.
-class StatementUse {
-  public:
-    explicit StatementUse(sqlite3_stmt *stmt) : stmt_(stmt) {}
-    ~StatementUse() {
-        if (stmt_ != nullptr) {
-            sqlite3_reset(stmt_);
-            sqlite3_clear_bindings(stmt_);
-        }
-    }
-    StatementUse(const StatementUse &) = delete;
-    StatementUse &operator=(const StatementUse &) = delete;
-
-  private:
-    sqlite3_stmt *stmt_;
-};
-
-std::vector<uint8_t> blobColumn(sqlite3_stmt *stmt, int column) {
-    const auto *data = static_cast<const uint8_t *>(sqlite3_column_blob(stmt, column));
-    int size = sqlite3_column_bytes(stmt, column);
-    return data != nullptr && size > 0 ? std::vector<uint8_t>(data, data + size) : std::vector<uint8_t>();
-}
 
 bool isAllZero(const uint8_t *block) {
     static const uint8_t zeros[kBlockSize] = {};
     return memcmp(block, zeros, kBlockSize) == 0;
 }
 
-// An empty vector's data() may be null, which SQLite would store as NULL.
-void bindBlob(sqlite3_stmt *stmt, int index, const std::vector<uint8_t> &bytes) {
-    if (bytes.empty()) {
-        sqlite3_bind_zeroblob(stmt, index, 0);
-    } else {
-        sqlite3_bind_blob(stmt, index, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
-    }
-}
-
-void bindOptional(sqlite3_stmt *stmt, int index, bool present, int64_t value) {
-    if (present) {
-        sqlite3_bind_int64(stmt, index, value);
-    } else {
-        sqlite3_bind_null(stmt, index);
-    }
-}
-
 } // namespace
 
-static_assert(sizeof(kStatementText) / sizeof(kStatementText[0]) == 17, "one text per statement");
+static_assert(sizeof(kStatementText) / sizeof(kStatementText[0]) == 21, "one text per statement");
 
-StateStore::StateStore(std::string stateDir) : stateDir_(std::move(stateDir)) {}
+StateStore::StateStore(std::string stateDir) : stateDir_(std::move(stateDir)), tail_(stateDir_ + "/journal.tail") {}
+
+bool StateStore::changedInTransaction() const {
+    return db_ != nullptr && sqlite3_total_changes64(db_) != changesAtBegin_;
+}
 
 StateStore::~StateStore() {
     close();
@@ -265,6 +235,20 @@ sqlite3_stmt *StateStore::statement(Statement which) {
     return statements_[which];
 }
 
+bool StateStore::control(Statement which) {
+    sqlite3_stmt *stmt = statement(which);
+    if (stmt == nullptr) {
+        return false;
+    }
+    StatementUse use(stmt);
+    if (sqlite3_step(stmt) != SQLITE_DONE) {
+        healthy_ = false;
+        lastError_ = sqlite3_errmsg(db_);
+        return false;
+    }
+    return true;
+}
+
 bool StateStore::stepDone(sqlite3_stmt *stmt, const char *what) {
     if (sqlite3_step(stmt) != SQLITE_DONE) {
         return failWith(what);
@@ -278,11 +262,13 @@ bool StateStore::begin(bool write) {
     }
     healthy_ = true;
     lastError_.clear();
-    if (!exec(write ? "BEGIN IMMEDIATE" : "BEGIN")) {
+    if (!control(write ? kBeginImmediate : kBegin)) {
         return false;
     }
+    changesAtBegin_ = sqlite3_total_changes64(db_);
+    tailMarkMoved_ = false;
     if (!schemaReady_ && !ensureSchema(write)) {
-        exec("ROLLBACK");
+        control(kRollback);
         return false;
     }
     inTransaction_ = true;
@@ -292,7 +278,7 @@ bool StateStore::begin(bool write) {
 bool StateStore::commit() {
     failpoint(failpoint_step::kBeforeCommit);
     inTransaction_ = false;
-    if (!exec("COMMIT")) {
+    if (!control(kCommit)) {
         rollback(); // keeps the commit's error (a full disk, say) as the one reported
         return false;
     }
@@ -301,8 +287,12 @@ bool StateStore::commit() {
 
 void StateStore::rollback() {
     inTransaction_ = false;
-    if (db_ != nullptr) {
-        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    if (db_ != nullptr && !sqlite3_get_autocommit(db_)) {
+        const bool healthy = healthy_;
+        const std::string error = lastError_;
+        control(kRollback);
+        healthy_ = healthy; // the failure that led here is the one reported
+        lastError_ = error;
     }
 }
 
@@ -433,68 +423,6 @@ bool StateStore::setSetting(int64_t drive, const std::string &key, const std::st
     return stepDone(stmt, "write setting");
 }
 
-bool StateStore::appendJournal(const JournalEntry &entry) {
-    sqlite3_stmt *stmt = statement(kAppendJournal);
-    if (stmt == nullptr) {
-        return false;
-    }
-    StatementUse use(stmt);
-    sqlite3_bind_text(stmt, 1, entry.function.c_str(), -1, SQLITE_STATIC);
-    sqlite3_bind_int(stmt, 2, entry.hasRequest ? 1 : 0);
-    bindOptional(stmt, 3, entry.hasRequest, entry.interfaceType);
-    bindOptional(stmt, 4, entry.hasRequest, entry.targetKind);
-    bindOptional(stmt, 5, entry.hasRequest, entry.controllerNo);
-    bindOptional(stmt, 6, entry.hasRequest, entry.driveNo);
-    bindOptional(stmt, 7, entry.hasRequest, entry.direction);
-    bindOptional(stmt, 8, entry.hasRequest, entry.ataCommandFlag);
-    bindBlob(stmt, 9, entry.cdb);
-    sqlite3_bind_int64(stmt, 10, entry.dataLength);
-    sqlite3_bind_int(stmt, 11, entry.status);
-    bindOptional(stmt, 12, entry.hasSense, entry.senseKey);
-    bindOptional(stmt, 13, entry.hasSense, entry.asc);
-    bindOptional(stmt, 14, entry.hasSense, entry.ascq);
-    return stepDone(stmt, "append journal");
-}
-
-bool StateStore::readJournal(const std::function<void(int64_t seq, const JournalEntry &)> &visit) {
-    sqlite3_stmt *stmt = statement(kReadJournal);
-    if (stmt == nullptr) {
-        return false;
-    }
-    StatementUse use(stmt);
-    int rc;
-    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
-        JournalEntry entry;
-        auto column = [stmt](int i) { return sqlite3_column_int64(stmt, i); };
-        entry.function = reinterpret_cast<const char *>(sqlite3_column_text(stmt, 1));
-        entry.hasRequest = column(2) != 0;
-        entry.interfaceType = static_cast<uint32_t>(column(3));
-        entry.targetKind = static_cast<uint32_t>(column(4));
-        entry.controllerNo = static_cast<uint8_t>(column(5));
-        entry.driveNo = static_cast<uint8_t>(column(6));
-        entry.direction = static_cast<uint8_t>(column(7));
-        entry.ataCommandFlag = static_cast<uint8_t>(column(8));
-        entry.cdb = blobColumn(stmt, 9);
-        entry.dataLength = static_cast<uint32_t>(column(10));
-        entry.status = static_cast<int>(column(11));
-        entry.hasSense = sqlite3_column_type(stmt, 12) != SQLITE_NULL;
-        entry.senseKey = static_cast<uint8_t>(column(12));
-        entry.asc = static_cast<uint8_t>(column(13));
-        entry.ascq = static_cast<uint8_t>(column(14));
-        visit(column(0), entry);
-    }
-    return rc == SQLITE_DONE || failWith("read journal");
-}
-
-bool StateStore::clearJournal() {
-    sqlite3_stmt *stmt = statement(kClearJournal);
-    if (stmt == nullptr) {
-        return false;
-    }
-    StatementUse use(stmt);
-    return stepDone(stmt, "clear journal");
-}
-
 std::string StateStore::markerPath() const {
     return stateDir_ + "/faults.pending";
 }
@@ -606,7 +534,8 @@ bool StateStore::wipe() {
     if (!begin(true)) {
         return false;
     }
-    if (!exec("DELETE FROM block; DELETE FROM setting; DELETE FROM journal; DELETE FROM fault;")) {
+    if (!exec("DELETE FROM block; DELETE FROM setting; DELETE FROM journal; DELETE FROM fault;") ||
+        !dropJournalTail()) {
         rollback();
         return false;
     }

@@ -4,6 +4,7 @@
 
 #include "device.h"
 #include "journal.h"
+#include "journal_tail.h"
 
 #include <cstdint>
 #include <functional>
@@ -52,7 +53,15 @@ class StateStore {
     bool getSetting(int64_t drive, const std::string &key, std::string *value);
     bool setSetting(int64_t drive, const std::string &key, const std::string &value);
 
+    // A row in the journal table, after the rows waiting in the tail.
     bool appendJournal(const JournalEntry &entry);
+    // The row of a call that changed nothing in the database (changedInTransaction() false):
+    // appended to the tail file, which costs no database write; in the table when the tail
+    // will not take it.
+    bool appendJournalToTail(const JournalEntry &entry);
+    // Whether a statement of the running transaction inserted, changed or deleted a row.
+    bool changedInTransaction() const;
+    // The table's rows, then the tail's, numbered as they will be in the table.
     bool readJournal(const std::function<void(int64_t seq, const JournalEntry &)> &visit);
     bool clearJournal();
 
@@ -86,15 +95,26 @@ class StateStore {
         kListFaults,
         kClearFaults,
         kListBlockLbas,
+        kBegin,
+        kBeginImmediate,
+        kCommit,
+        kRollback,
         kStatementCount
     };
     sqlite3_stmt *statement(Statement which);
     bool exec(const char *sql);
+    // BEGIN, COMMIT and ROLLBACK as statements prepared once rather than text parsed per call.
+    bool control(Statement which);
     bool eraseBlocks(int64_t drive, uint64_t from, uint64_t to);
     int schemaVersion();
     bool ensureSchema(bool write);
     bool failWith(const char *what);
     bool stepDone(sqlite3_stmt *stmt, const char *what);
+    bool insertJournalRow(const JournalEntry &entry);
+    TailMark tailMark();
+    bool setTailMark(const TailMark &mark);
+    bool foldJournalTail();
+    bool dropJournalTail();
     std::string markerPath() const;
 
     std::string stateDir_;
@@ -104,6 +124,9 @@ class StateStore {
     bool schemaReady_ = false;
     bool healthy_ = true;
     std::string lastError_;
+    int64_t changesAtBegin_ = 0;
+    bool tailMarkMoved_ = false; // by this transaction: the mark read is not the committed one
+    JournalTail tail_;
 };
 
 // RAII transaction: rolls back unless committed.

@@ -365,6 +365,7 @@ Topology defaultTopology() {
     ControllerConfig &second = topology.controllers[1];
     second.slots[0] = sasDrive("SD2K073RC", "0104", "SK1A0001", 143374744);
     second.slots[1] = sataDrive("SIMSATA1T", "SIM1", "SS1A0102", 1953525168ULL, false);
+    second.slots[2] = sasDrive("MBB2SIM", "0201", "MB1A0203", 286749488); // the other family F selects
     second.logicalDrives[0] = volume(RaidLevel::Raid0, {0, 1});
     return topology;
 }

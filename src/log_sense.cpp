@@ -27,6 +27,37 @@ constexpr uint32_t kPage31EntrySize = 80;
 constexpr uint32_t kInquirySize = 512;
 constexpr uint8_t kInquiryAllocation = 0x52;
 
+// Right-aligned decimal at least `width` characters wide, padded with `pad` ("%8u", "%02u").
+char *putDecimal(char *out, uint32_t value, int width, char pad) {
+    char digits[10];
+    int count = 0;
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    for (int i = count; i < width; i++) {
+        *out++ = pad;
+    }
+    while (count > 0) {
+        *out++ = digits[--count];
+    }
+    return out;
+}
+
+char *putHexByte(char *out, uint8_t value) { // "%02X"
+    static const char kDigits[] = "0123456789ABCDEF";
+    *out++ = kDigits[value >> 4];
+    *out++ = kDigits[value & 0x0F];
+    return out;
+}
+
+// Hours (or minutes in hours) with two decimals, "%8u.%02u" of the whole and hundredths.
+char *putHundredths(char *out, uint32_t whole, uint32_t hundredths) {
+    out = putDecimal(out, whole, 8, ' ');
+    *out++ = '.';
+    return putDecimal(out, hundredths, 2, '0');
+}
+
 static_assert(kellayouts::kLayout147.walkLength <= kLogPage32BufferSize, "every page walk stays in the buffer");
 
 // "\n<<<Logpage31:過去にHDDが挙げたエラーログ>>>" and "\n<<<Logpage32:HDD SMART系ログ>>>" (EUC-JP)
@@ -158,10 +189,25 @@ int PrintLogPage31(const uint8_t *data, uint16_t length) {
         memcpy(entry, data + offset, length - offset < kPage31EntrySize ? length - offset : kPage31EntrySize);
         const uint32_t seconds = readBigEndian32(&entry[8]);
         const uint32_t minutes = readBigEndian32(&entry[12]);
-        printf("%03d\t%8u.%02u\t%8u.%02u\t", entry[1], seconds / 3600, (seconds % 3600) * 100 / 3600, minutes / 60,
-               (minutes % 60) * 100 / 60);
-        printf("%02X%02X%02X\t%02X%02X%02X%02X\t%02X\n", entry[18] & 0x0F, entry[28], entry[29], entry[19], entry[20],
-               entry[21], entry[22], entry[64]);
+        // One line an entry, put together by hand: a report holds 171 of them a drive.
+        char line[96];
+        char *out = putDecimal(line, entry[1], 3, '0');
+        *out++ = '\t';
+        out = putHundredths(out, seconds / 3600, (seconds % 3600) * 100 / 3600);
+        *out++ = '\t';
+        out = putHundredths(out, minutes / 60, (minutes % 60) * 100 / 60);
+        *out++ = '\t';
+        for (uint8_t byte : {static_cast<uint8_t>(entry[18] & 0x0F), entry[28], entry[29]}) {
+            out = putHexByte(out, byte);
+        }
+        *out++ = '\t';
+        for (uint8_t byte : {entry[19], entry[20], entry[21], entry[22]}) {
+            out = putHexByte(out, byte);
+        }
+        *out++ = '\t';
+        out = putHexByte(out, entry[64]);
+        *out++ = '\n';
+        fwrite(line, 1, static_cast<size_t>(out - line), stdout);
     }
     return 1;
 }

@@ -7,11 +7,11 @@
 #include "layouts/smart_log_layouts.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <map>
 
 namespace kelsim {
 namespace {
@@ -76,6 +76,43 @@ template <typename Visit> void forEachCounter(DriveCounters &c, Visit visit) {
     }
 }
 
+// Every counter's name and place in DriveCounters, made once from forEachCounter, so that
+// reading and writing the text take no name formatting or lookup structure per call.
+struct CounterSlot {
+    std::string name;
+    ptrdiff_t offset;
+};
+
+const std::vector<CounterSlot> &counterSlots() {
+    static const std::vector<CounterSlot> slots = [] {
+        std::vector<CounterSlot> made;
+        DriveCounters probe;
+        forEachCounter(probe, [&](const char *name, uint32_t *field) {
+            made.push_back({name, reinterpret_cast<char *>(field) - reinterpret_cast<char *>(&probe)});
+        });
+        return made;
+    }();
+    return slots;
+}
+
+uint32_t &counterIn(DriveCounters &c, const CounterSlot &slot) {
+    return *reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(&c) + slot.offset);
+}
+
+// The slot named name[0..length), looked for from `from` on (the text keeps the table's
+// order, so the next name is nearly always the next slot), or null.
+const CounterSlot *findSlot(const char *name, size_t length, size_t *from) {
+    const std::vector<CounterSlot> &slots = counterSlots();
+    for (size_t n = 0; n < slots.size(); ++n) {
+        const size_t at = (*from + n) % slots.size();
+        if (slots[at].name.size() == length && memcmp(slots[at].name.data(), name, length) == 0) {
+            *from = at + 1;
+            return &slots[at];
+        }
+    }
+    return nullptr;
+}
+
 // The stored counters, or false for a drive that has none yet.
 bool readCounters(DriveSettings &settings, DriveCounters *counters) {
     std::string text;
@@ -83,10 +120,9 @@ bool readCounters(DriveSettings &settings, DriveCounters *counters) {
         return false;
     }
     DriveCounters c;
-    std::map<std::string, uint32_t *> fields;
-    forEachCounter(c, [&](const char *name, uint32_t *field) { fields[name] = field; });
     // "born=<seconds>", then name=value pairs; a counter not written is 0.
     const char *cursor = text.c_str();
+    size_t next = 0;
     while (*cursor != '\0') {
         while (*cursor == ' ') {
             ++cursor;
@@ -97,11 +133,11 @@ bool readCounters(DriveSettings &settings, DriveCounters *counters) {
         }
         char *end = nullptr;
         const unsigned long long value = strtoull(equals + 1, &end, 10);
-        const std::string name(cursor, equals);
-        if (name == "born") {
+        const size_t length = static_cast<size_t>(equals - cursor);
+        if (length == 4 && memcmp(cursor, "born", 4) == 0) {
             c.bornAt = static_cast<int64_t>(value);
-        } else if (auto field = fields.find(name); field != fields.end()) {
-            *field->second = static_cast<uint32_t>(value);
+        } else if (const CounterSlot *slot = findSlot(cursor, length, &next)) {
+            counterIn(c, *slot) = static_cast<uint32_t>(value);
         }
         cursor = end;
     }
@@ -212,14 +248,15 @@ DriveCounters loadDriveCounters(DriveSettings &settings) {
 void storeDriveCounters(DriveSettings &settings, const DriveCounters &counters) {
     DriveCounters copy = counters;
     std::string text = "born=" + std::to_string(copy.bornAt);
-    forEachCounter(copy, [&](const char *name, uint32_t *value) {
-        if (*value != 0) { // a counter not written reads as 0
+    for (const CounterSlot &slot : counterSlots()) {
+        const uint32_t value = counterIn(copy, slot);
+        if (value != 0) { // a counter not written reads as 0
             text += ' ';
-            text += name;
+            text += slot.name;
             text += '=';
-            text += std::to_string(*value);
+            text += std::to_string(value);
         }
-    });
+    }
     settings.set(kKeyLife, text);
 }
 

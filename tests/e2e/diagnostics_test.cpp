@@ -125,12 +125,12 @@ TEST_F(ModePagePrint, ACheckConditionIsReportedAndNoBlockIsWritten) {
 
 class LogSenseReport : public FarmTest {};
 
-// Every SAS drive gets both titles (the MBA4SIM drive, whose family has no decoder, only
-// the title of page 0x32); the SATA drives only a trace line.
+// Every SAS drive gets both titles (the MBA4SIM and MBB2SIM drives, whose family has no
+// decoder, only the title of page 0x32); the SATA drives only a trace line.
 TEST_F(LogSenseReport, WalksEverySasDriveAndSkipsSataDrivesInTheTrace) {
     RunResult run = kelpth({"L"});
     ASSERT_EQ(run.exitStatus, 0);
-    const std::vector<std::pair<int, int>> sasDrives = {{0, 0}, {0, 1}, {0, 2}, {0, 3}, {0, 6}, {1, 0}};
+    const std::vector<std::pair<int, int>> sasDrives = {{0, 0}, {0, 1}, {0, 2}, {0, 3}, {0, 6}, {1, 0}, {1, 2}};
     EXPECT_EQ(countOf(run.out, kPage31Title), sasDrives.size());
     EXPECT_EQ(countOf(run.out, kPage32Title), sasDrives.size());
     EXPECT_EQ(run.out.find("RAID Controller No.0\nPhysical Drive No.0\n\n"), 0u);
@@ -146,8 +146,10 @@ TEST_F(LogSenseReport, WalksEverySasDriveAndSkipsSataDrivesInTheTrace) {
         EXPECT_NE(run.out.find(cdb), std::string::npos) << cdb;
     }
     EXPECT_EQ(run.out.find("BB 06 4D 00 32"), std::string::npos) << "no decoder, nothing asked";
+    EXPECT_EQ(countOf(run.out, "BB 02 4D 00 32"), 1u) << "controller 0's 300 drive, not controller 1's MBB2SIM";
     EXPECT_NE(run.out.find("Physical Drive No.6\n" + kPage31Title), std::string::npos);
     EXPECT_NE(run.out.find(kPage32Title + "RAID Controller No.1\nPhysical Drive No.0\n"), std::string::npos);
+    EXPECT_EQ(run.out.substr(run.out.size() - kPage32Title.size()), kPage32Title) << "MBB2SIM ends the report";
 
     const std::string trace = traceLog();
     for (const auto &[controller, slot] : std::vector<std::pair<int, int>>{{0, 4}, {0, 5}, {1, 1}}) {
@@ -170,7 +172,7 @@ TEST_F(LogSenseReport, AFailingDriveDoesNotStopTheWalk) {
     const size_t failure = run.out.find("KEL0005-E Request sense data  KEY:03  ASC:11  ASCQ:00\n" + kAbnormalEnd +
                                         "\nRAID Controller No.0\nPhysical Drive No.1\n");
     EXPECT_NE(failure, std::string::npos) << run.out.substr(0, 600);
-    EXPECT_EQ(countOf(run.out, kPage32Title), 5u);
+    EXPECT_EQ(countOf(run.out, kPage32Title), 6u);
 }
 
 // The report of one drive, turned to UTF-8, against a text written out by hand: slot 3 (a
@@ -301,8 +303,8 @@ class FirmwareDownload : public FarmTest {
         ASSERT_EQ(kelsim({"image", product, revision, name, "--size", std::to_string(size)}).exitStatus, 0);
     }
     // The revision INQUIRY gives through ANY ("12 00 00 00 24 00" to a SAS drive).
-    std::string inquiryRevision(const std::string &slot) {
-        writeFile("inquiry.txt", "// Controller No\n0\n// Drive No\n" + slot +
+    std::string inquiryRevision(const std::string &controller, const std::string &slot) {
+        writeFile("inquiry.txt", "// Controller No\n" + controller + "\n// Drive No\n" + slot +
                                      "\n// CDB\n120000002400\n// Direction\n0\n// Data Length\n0x24\n");
         RunResult run = kelpth({"ANY", "inquiry.txt"});
         EXPECT_EQ(run.exitStatus, 0) << run.out;
@@ -326,29 +328,88 @@ class FirmwareDownload : public FarmTest {
     }
 };
 
-TEST_F(FirmwareDownload, AnImageFromKelsimUpdatesTheSelectedDrivesOnly) {
+// The default farm has one drive of each family F selects: MBA4SIM (controller 0 slot 6)
+// and MBB2SIM (controller 1 slot 2). An image names one family: its drive takes it, and the
+// other family's drive, sent the same image, refuses it when it completes (ILLEGAL REQUEST,
+// ASC 0x26), which ends the run with KEL0005 and leaves that drive its firmware.
+TEST_F(FirmwareDownload, AnImageUpdatesItsFamilyAndTheOtherFamilyRefusesIt) {
     makeImage("fw.bin", "MBA4SIM", "0202", 0x10001);
     RunResult run = kelpth({"F", "fw.bin"});
-    ASSERT_EQ(run.exitStatus, 0) << run.out;
-    EXPECT_NE(run.out.find("Vendor ID:SIMDISK \nProduct ID:MBA4SIM         \nProduct Rev:0101\n\n"), std::string::npos)
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("RAID Controller No.0\nPhysical Drive No.6\nVendor ID:SIMDISK \nProduct ID:MBA4SIM    "
+                           "     \nProduct Rev:0101\n\n"),
+              std::string::npos)
         << run.out;
-    EXPECT_EQ(countOf(run.out, "[CDB] Size=12\n"), countOf(run.out, "Product ID:")) << "one CDB per drive";
+    EXPECT_NE(run.out.find("RAID Controller No.1\nPhysical Drive No.2\nVendor ID:SIMDISK \nProduct ID:MBB2SIM    "
+                           "     \nProduct Rev:0201\n\n"),
+              std::string::npos)
+        << run.out;
+    EXPECT_EQ(countOf(run.out, "[CDB] Size=12\n"), 2u) << "one CDB per drive";
     EXPECT_EQ(run.out.find("Product ID:SD"), std::string::npos);
+    const std::string refused = "KEL0005-E Request sense data  KEY:05  ASC:26  ASCQ:00\n" + kAbnormalEnd;
+    EXPECT_EQ(run.out.substr(run.out.size() - refused.size()), refused) << run.out;
 
     const std::vector<std::string> pieces = journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer");
-    ASSERT_EQ(pieces.size(), 2u * countOf(run.out, "Product ID:"));
-    EXPECT_EQ(pieces[0], "KelPasWriteBuffer ctl=0 pd=6 if=0 dir=0 ata=0 cdb=BA 06 3B 07 00 00 00 00 01 00 00 00 "
-                         "len=65536 status=0 sense=-");
-    EXPECT_EQ(pieces[1], "KelPasWriteBuffer ctl=0 pd=6 if=0 dir=0 ata=0 cdb=BA 06 3B 07 00 01 00 00 00 00 01 00 "
-                         "len=1 status=0 sense=-");
+    EXPECT_EQ(pieces, (std::vector<std::string>{
+                          "KelPasWriteBuffer ctl=0 pd=6 if=0 dir=0 ata=0 cdb=BA 06 3B 07 00 00 00 00 01 00 00 00 "
+                          "len=65536 status=0 sense=-",
+                          "KelPasWriteBuffer ctl=0 pd=6 if=0 dir=0 ata=0 cdb=BA 06 3B 07 00 01 00 00 00 00 01 00 "
+                          "len=1 status=0 sense=-",
+                          "KelPasWriteBuffer ctl=1 pd=2 if=0 dir=0 ata=0 cdb=BA 02 3B 07 00 00 00 00 01 00 00 00 "
+                          "len=65536 status=0 sense=-",
+                          "KelPasWriteBuffer ctl=1 pd=2 if=0 dir=0 ata=0 cdb=BA 02 3B 07 00 01 00 00 00 00 01 00 "
+                          "len=1 status=4 sense=05/26/00",
+                      }));
     EXPECT_EQ(countOf(traceLog(), "skipped for not supported [KelFirmwareUpdate] command."), 3u);
 
     // The new revision from then on, in INQUIRY and in the farm's listing; the others keep theirs.
-    EXPECT_EQ(inquiryRevision("6"), "0202");
+    EXPECT_EQ(inquiryRevision("0", "6"), "0202");
     EXPECT_NE(showLine("MBA4SIM").find(" 0202 "), std::string::npos) << showLine("MBA4SIM");
-    EXPECT_EQ(inquiryRevision("0"), "0104");
+    EXPECT_EQ(inquiryRevision("1", "2"), "0201");
+    EXPECT_NE(showLine("MBB2SIM").find(" 0201 "), std::string::npos) << showLine("MBB2SIM");
+    EXPECT_EQ(inquiryRevision("0", "0"), "0104");
     RunResult again = kelpth({"F", "fw.bin"});
     EXPECT_NE(again.out.find("Product Rev:0202\n"), std::string::npos) << "getPhysicalDriveInfo and INQUIRY agree";
+}
+
+// The walk meets the MBA drive first; it refuses an image for MBB2SIM, and the download stops
+// there: the MBB drive on controller 1 is never reached.
+TEST_F(FirmwareDownload, TheFirstRefusalStopsTheDownloadBeforeTheNextDrive) {
+    makeImage("mbb.bin", "MBB2SIM", "0303", 0x20000);
+    RunResult run = kelpth({"F", "mbb.bin"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:05  ASC:26  ASCQ:00\n" + kAbnormalEnd), std::string::npos)
+        << run.out;
+    EXPECT_EQ(run.out.find("Product ID:MBB2SIM"), std::string::npos) << run.out;
+    const std::vector<std::string> pieces = journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer");
+    ASSERT_EQ(pieces.size(), 2u);
+    EXPECT_NE(pieces[1].find("ctl=0 pd=6 "), std::string::npos) << pieces[1];
+    EXPECT_NE(pieces[1].find("status=4 sense=05/26/00"), std::string::npos) << pieces[1];
+    EXPECT_EQ(inquiryRevision("0", "6"), "0101");
+    EXPECT_EQ(inquiryRevision("1", "2"), "0201");
+}
+
+// On a farm whose only MB[AB] drives are of one family, one image updates them all, on every
+// controller; products beginning "MBC" or in lower case are left alone without a message.
+TEST_F(FirmwareDownload, EveryDriveOfTheFamilyOnEveryControllerTakesTheImage) {
+    checkVolumesAtEnd = false; // a farm of its own, without volumes
+    ASSERT_EQ(mkdir(stateDir.c_str(), 0755), 0);
+    writeFile("state/farm.conf", "controller 0\n"
+                                 "slot 0 sas vendor=SIMDISK product=MBB2SIM revision=0201 serial=F0 blocks=100000\n"
+                                 "slot 1 sas vendor=SIMDISK product=MBC2SIM revision=0201 serial=F1 blocks=100000\n"
+                                 "slot 2 sas vendor=SIMDISK product=mbb2sim revision=0201 serial=F2 blocks=100000\n"
+                                 "controller 1\n"
+                                 "slot 3 sas vendor=SIMDISK product=MBB2SIM revision=0201 serial=F3 blocks=100000\n");
+    makeImage("mbb.bin", "MBB2SIM", "0707", 0x30000);
+    RunResult run = kelpth({"F", "mbb.bin"});
+    EXPECT_EQ(run.exitStatus, 0) << run.out;
+    EXPECT_EQ(countOf(run.out, "Product ID:"), 2u) << run.out;
+    EXPECT_NE(run.out.find("RAID Controller No.1\nPhysical Drive No.3\n"), std::string::npos) << run.out;
+    EXPECT_EQ(journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer").size(), 6u);
+    EXPECT_EQ(inquiryRevision("0", "0"), "0707");
+    EXPECT_EQ(inquiryRevision("1", "3"), "0707");
+    EXPECT_EQ(inquiryRevision("0", "1"), "0201");
+    EXPECT_EQ(inquiryRevision("0", "2"), "0201");
 }
 
 TEST_F(FirmwareDownload, AFailureAtPieceThreeStopsTheDownloadAndKeepsTheOldFirmware) {
@@ -368,7 +429,7 @@ TEST_F(FirmwareDownload, AFailureAtPieceThreeStopsTheDownloadAndKeepsTheOldFirmw
         << pieces[2];
     EXPECT_NE(journal.find("kelsim check-condition 3B after 2 sense 04/44/00 ctl=0 pd=6"), std::string::npos)
         << journal;
-    EXPECT_EQ(inquiryRevision("6"), "0101");
+    EXPECT_EQ(inquiryRevision("0", "6"), "0101");
     EXPECT_EQ(kelsim({"fault", "list"}).out.find("check-condition"), std::string::npos) << "used up";
 
     // An image for another product is refused when it completes; the old firmware stays.
@@ -376,7 +437,7 @@ TEST_F(FirmwareDownload, AFailureAtPieceThreeStopsTheDownloadAndKeepsTheOldFirmw
     run = kelpth({"F", "other.bin"});
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:05  ASC:26  ASCQ:00\n"), std::string::npos) << run.out;
-    EXPECT_EQ(inquiryRevision("6"), "0101");
+    EXPECT_EQ(inquiryRevision("0", "6"), "0101");
 }
 
 TEST_F(FirmwareDownload, ALongFileIsCutAndAnEmptyOneSendsNothing) {
@@ -385,15 +446,22 @@ TEST_F(FirmwareDownload, ALongFileIsCutAndAnEmptyOneSendsNothing) {
     makeImage("big.bin", "MBA4SIM", "0404", 0x100000);
     ASSERT_EQ(kelpth({"F", "big.bin"}).exitStatus, 0);
     std::vector<std::string> pieces = journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer");
-    ASSERT_EQ(pieces.size(), 12u);
-    EXPECT_NE(pieces[11].find("cdb=BA 06 3B 07 00 0B 00 00 01 00 00 00 len=65536"), std::string::npos) << pieces[11];
-    EXPECT_EQ(inquiryRevision("6"), "0101");
+    ASSERT_EQ(pieces.size(), 24u) << "twelve to each of the two drives";
+    EXPECT_NE(pieces[11].find("ctl=0 pd=6 if=0 dir=0 ata=0 cdb=BA 06 3B 07 00 0B 00 00 01 00 00 00 len=65536"),
+              std::string::npos)
+        << pieces[11];
+    EXPECT_NE(pieces[23].find("ctl=1 pd=2 if=0 dir=0 ata=0 cdb=BA 02 3B 07 00 0B 00 00 01 00 00 00 len=65536"),
+              std::string::npos)
+        << pieces[23];
+    EXPECT_EQ(inquiryRevision("0", "6"), "0101");
+    EXPECT_EQ(inquiryRevision("1", "2"), "0201");
 
     ASSERT_EQ(kelsim({"journal", "--clear"}).exitStatus, 0);
     writeFile("empty.bin", "");
     RunResult run = kelpth({"F", "empty.bin"});
     EXPECT_EQ(run.exitStatus, 0);
     EXPECT_NE(run.out.find("Product ID:MBA4SIM         \n"), std::string::npos);
+    EXPECT_NE(run.out.find("Product ID:MBB2SIM         \n"), std::string::npos);
     EXPECT_EQ(run.out.find("[CDB]"), std::string::npos);
     EXPECT_TRUE(journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer").empty());
 }

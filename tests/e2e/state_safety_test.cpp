@@ -99,6 +99,61 @@ TEST_F(StateSafety, RunKilledAtEachFailpointLeavesTheStateAsBefore) {
     }
 }
 
+// The rows of calls that change nothing (the report's INQUIRY and LOG SENSE) wait in the
+// journal's tail until a writing call folds them into the table. A writing run killed at
+// each failpoint must neither lose them nor fold them twice.
+TEST_F(StateSafety, WaitingJournalRowsSurviveARunKilledWhileFoldingThem) {
+    ASSERT_EQ(kelpth({"L"}).exitStatus, 0); // the drives' counters start: rows in the table
+    ASSERT_EQ(kelpth({"L"}).exitStatus, 0); // nothing changes: rows in the tail
+    EXPECT_GT(fileSize("journal.tail"), 0);
+    const std::string before = kelsim({"journal"}).out;
+    for (const char *step : {"mid-write", "before-commit", "commit"}) {
+        const RunResult killed =
+            run({KELPTH_BINARY, "PDOneSectorWrite", "1", "2", "0x10"}, {std::string("KELSIM_FAILPOINT=") + step});
+        EXPECT_EQ(killed.exitStatus, 128 + SIGKILL) << step;
+        EXPECT_EQ(kelsim({"journal"}).out, before) << step;
+    }
+    ASSERT_EQ(kelpth({"PDOneSectorWrite", "1", "2", "0x10"}).exitStatus, 0); // in no volume
+    const std::string after = kelsim({"journal"}).out;
+    EXPECT_EQ(after.substr(0, before.size()), before);
+    EXPECT_EQ(after.find('\n', before.size()), after.size() - 1) << "one row more: the write's";
+    EXPECT_NE(after.find("KelPasWriteExtend", before.size()), std::string::npos);
+}
+
+// Reports and writes at the same time: every call's row lands once, in the order of its run.
+TEST_F(StateSafety, ReportsAndWritesAtTheSameTimeJournalEveryCallOnce) {
+    checkVolumesAtEnd = false; // writes a volume member behind the volume
+    ASSERT_EQ(kelpth({"L"}).exitStatus, 0);
+    ASSERT_EQ(kelsim({"journal", "--clear"}).exitStatus, 0);
+    constexpr int kRunsEach = 3;
+    std::vector<std::thread> threads;
+    std::vector<int> failures(4, 0);
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRunsEach; i++) {
+                const std::vector<std::string> args =
+                    t < 2 ? std::vector<std::string>{"L"}
+                          : std::vector<std::string>{"PDOneSectorWrite", "0", std::to_string(t),
+                                                     "0x" + std::to_string(i)};
+                failures[static_cast<size_t>(t)] += kelpth(args).exitStatus != 0;
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures, std::vector<int>(4, 0));
+    const std::string journal = kelsim({"journal"}).out;
+    std::istringstream in(journal);
+    size_t rows = 0, writes = 0;
+    for (std::string line; std::getline(in, line);) {
+        EXPECT_EQ(line.rfind(std::to_string(++rows) + " ", 0), 0u) << line;
+        writes += line.find(" KelPasWriteExtend ") != std::string::npos;
+    }
+    EXPECT_EQ(writes, 2u * kRunsEach);
+    EXPECT_EQ(rows, 2u * kRunsEach * 19 + writes) << "19 calls a report";
+}
+
 TEST_F(StateSafety, RunsLeaveNoLogThatGrowsWithTheirNumber) {
     checkVolumesAtEnd = false; // the sector written below sits on a mirror member
     // A farm left in WAL mode by an earlier version is switched over by the next run.

@@ -51,7 +51,7 @@ expect "no file for an address" "" "$(complete_words _kelpth kelpth PDOneSectorR
 # Numbers from the farm: controllers, occupied slots, logical drives of that controller.
 expect "controllers" "0 1" "$(complete_words _kelpth kelpth PDOneSectorRead '')"
 expect "slots of 0" "0 1 2 3 4 5 6" "$(complete_words _kelpth kelpth PDOneSectorWrite 0 '')"
-expect "slots of 1" "0 1" "$(complete_words _kelpth kelpth D 1 '')"
+expect "slots of 1" "0 1 2" "$(complete_words _kelpth kelpth D 1 '')"
 expect "lds of 0" "0 1 2" "$(complete_words _kelpth kelpth r 0 '')"
 expect "lds of 1" "0" "$(complete_words _kelpth kelpth w64 1 '')"
 cat >"$KELSIM_DIR/farm.conf" <<'CONF'
