@@ -8,47 +8,8 @@ export LD_LIBRARY_PATH=/kelvm
 export KELSGIO_JOURNAL=/tmp/journal
 : >"$KELSGIO_JOURNAL"
 
-out=""
-status=0
-run() {
-  out=$("$K" "$@" 2>&1)
-  status=$?
-}
-# A parameter file from its value lines, each after a comment line.
-param() {
-  : >/tmp/param.txt
-  for value in "$@"; do printf '// value\n%s\n' "$value" >>/tmp/param.txt; done
-}
-# kelpth ANY with a parameter file of these values.
-any() {
-  param "$@"
-  run ANY /tmp/param.txt
-}
-has() { printf '%s\n' "$out" | grep -qF -- "$1"; }
-# The dump's character columns joined, so that a text split across lines can be found
-# (the dump shows blanks and punctuation as dots).
-dumped_text_has() { printf '%s\n' "$out" | grep -E '^[0-9A-F]{8}: ' | cut -c61-76 | tr -d '\n' | grep -qF -- "$1"; }
-pass() { echo "PASS $1"; }
-fail() {
-  echo "FAIL $1: $2"
-  printf '%s\n' "$out" | head -40 | sed 's/^/  | /'
-}
-# check NAME STATUS [TEXT...]: the last run ended with STATUS and printed every TEXT.
-check() {
-  name=$1 want=$2
-  shift 2
-  if [ "$status" != "$want" ]; then
-    fail "$name" "exit status $status, wanted $want"
-    return
-  fi
-  for text in "$@"; do
-    if ! has "$text"; then
-      fail "$name" "no \"$text\""
-      return
-    fi
-  done
-  pass "$name"
-}
+. /kelvm/checks-lib.sh
+
 # A command not built yet in this kelpth says so with KEL0015: skipped, not failed.
 unbuilt() {
   if has "KEL0015"; then

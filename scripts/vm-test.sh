@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Boots a Debian kernel under QEMU (TCG) with a virtio-scsi disk, an AHCI SATA disk and
-# the kernel's scsi_debug disk, runs kelpth on the SG_IO libraries inside the guest, and
+# the kernel's scsi_debug disk, runs kelpth on the SG_IO libraries inside the guest, then
+# exports the simulated farm with "kelsim export" and runs foreign tools on its disks;
 # checks the "PASS name" / "FAIL name" lines the guest prints on its serial console.
 # Exits 0 only when every check passed; prints the guest's log otherwise.
 # Usage: bash scripts/vm-test.sh [--keep]   (--keep leaves the work folder for a look)
@@ -9,20 +10,20 @@ cd "$(dirname "$0")/.."
 root=$PWD
 keep=0
 [[ "${1:-}" == "--keep" ]] && keep=1
-hard_timeout=${KELVM_TIMEOUT:-360}
+hard_timeout=${KELVM_TIMEOUT:-480}
 
 # --- What the test needs, from Debian packages -------------------------------------
-bash scripts/deps.sh qemu-system-x86 linux-image-amd64 busybox-static sg3-utils cpio
+bash scripts/deps.sh qemu-system-x86 linux-image-amd64 busybox-static sg3-utils cpio smartmontools e2fsprogs
 
-# --- The program and the SG_IO libraries ---------------------------------------------
+# --- The program, the SG_IO libraries, kelsim and the simulated libraries -------------
 [[ -f build/CMakeCache.txt ]] || cmake --preset default >/dev/null
-cmake --build build -j2 --target kelpth sgio_kelctl sgio_kelpth >/dev/null
+cmake --build build -j2 --target kelpth sgio_kelctl sgio_kelpth kelsim kelctl kelpth_lib kelsim_lib >/dev/null
 
 work=$(mktemp -d /tmp/kelvm.XXXXXX)
 cleanup() { ((keep)) && echo "vm-test: work folder kept: $work" || rm -rf "$work"; }
 trap cleanup EXIT
 img=$work/initramfs
-mkdir -p "$img"/{bin,sbin,proc,sys,dev,tmp,lib,lib64,modules,kelvm}
+mkdir -p "$img"/{bin,sbin,proc,sys,dev,tmp,lib,lib64,modules,kelvm/sim,etc,mnt}
 
 # Newest installed kernel: its image and its modules.
 kernel=$(ls /boot/vmlinuz-* | sort -V | tail -1)
@@ -46,7 +47,10 @@ add_module() {
 }
 # Host numbers follow the load order: virtio-scsi is host 0 (controller 0), the AHCI
 # ports come next (controller 1: the port with the disk), scsi_debug last (controller 2).
-for m in virtio_pci virtio_scsi sd_mod sg libata libahci ahci scsi_debug; do add_module "$m"; done
+# The SCSI target modules make no host until "kelsim export" makes its loopback target;
+# ext4 (with the crc32c it asks for) mounts the export's ext2 file system.
+for m in virtio_pci virtio_scsi sd_mod sg libata libahci ahci configfs target_core_mod uio target_core_user tcm_loop \
+  crc32c_generic ext4 scsi_debug; do add_module "$m"; done
 : >"$img/modules/order"
 for path in "${order[@]}"; do
   base=$(basename "$path")
@@ -64,7 +68,12 @@ done
 # Programs and the shared libraries they need.
 cp /bin/busybox "$img/bin/busybox"
 cp build/kelpth build/sgio/libkelctl.so build/sgio/libkelpth.so "$img/kelvm/"
-cp "$(command -v sg_raw)" "$img/bin/sg_raw"
+cp build/kelsim build/libkelctl.so build/libkelpth.so build/libkelsim.so "$img/kelvm/sim/"
+tools=(sg_raw sg_inq sg_vpd sg_readcap sg_dd sg_logs sg_modes sg_write_buffer smartctl mke2fs)
+for t in "${tools[@]}"; do cp "$(command -v "$t")" "$img/bin/$t"; done
+# busybox sh runs its own mke2fs applet for the bare name: the real one goes by its path.
+mv "$img/bin/mke2fs" "$img/kelvm/mke2fs"
+cp /etc/mke2fs.conf "$img/etc/"
 copy_libraries() {
   LD_LIBRARY_PATH=$root/build/sgio ldd "$1" | awk '/=> \//{print $3} /^\t\/lib/{print $1}' | while read -r lib; do
     case "$lib" in */build/*) continue ;; esac
@@ -73,8 +82,11 @@ copy_libraries() {
   done
 }
 copy_libraries build/kelpth
-copy_libraries "$(command -v sg_raw)"
+copy_libraries build/kelsim
+for t in "${tools[@]}"; do copy_libraries "$(command -v "$t")"; done
+cp scripts/vm-guest-lib.sh "$img/kelvm/checks-lib.sh"
 cp scripts/vm-guest-checks.sh "$img/kelvm/checks.sh"
+cp scripts/vm-export-checks.sh "$img/kelvm/export-checks.sh"
 cp bench/sgio_bench.sh "$img/kelvm/bench.sh"
 
 cat >"$img/init" <<'EOF'
@@ -86,6 +98,7 @@ mount -t sysfs sys /sys
 mount -t devtmpfs dev /dev
 echo 1 >/proc/sys/kernel/printk
 for m in $(cat /modules/order); do insmod /modules/$m || echo "KELVM insmod $m failed"; done
+mount -t configfs configfs /sys/kernel/config
 # LBA 0x1234 of the scsi_debug disk answers MEDIUM ERROR (opts bit 1), in descriptor-format
 # sense (dsense=1), which the library converts.
 insmod /modules/scsi_debug.ko dev_size_mb=16 opts=2 medium_error_start=0x1234 medium_error_count=1 dsense=1 ||
@@ -97,6 +110,7 @@ for d in /sys/bus/scsi/devices/*:*:*:*; do echo "KELVM disk ${d##*/} $(cat $d/ve
 cd /tmp
 sh /kelvm/checks.sh
 sh /kelvm/bench.sh
+sh /kelvm/export-checks.sh
 echo "KELVM-END"
 sync
 poweroff -f
@@ -111,7 +125,7 @@ truncate -s 2100G "$work/sata.img"
 echo "vm-test: booting $version under qemu-system-x86_64 (TCG)"
 start=$(date +%s)
 set +e
-timeout --kill-after=10 "$hard_timeout" qemu-system-x86_64 -M pc -accel tcg -m 512 -smp 1 \
+timeout --kill-after=10 "$hard_timeout" qemu-system-x86_64 -M pc -accel tcg -m 768 -smp 1 \
   -nodefaults -no-reboot -display none -serial "file:$work/console.log" \
   -kernel "$kernel" -initrd "$work/initrd.gz" \
   -append "console=ttyS0 panic=-1 loglevel=3 rdinit=/init" \

@@ -2,6 +2,7 @@
 // and scripts faults for the next library calls.
 #include "drives/ata_device.h"
 #include "drives/sas_drive.h"
+#include "export/kelsim_export.h"
 #include "farm.h"
 #include "faults.h"
 #include "journal.h"
@@ -33,6 +34,7 @@ int usage() {
     fputs(kUsage, stderr);
     fputs(kRaidUsage, stderr);
     fputs(kDiagUsage, stderr);
+    fputs(kExportUsage, stderr);
     fputs(kStateFolderNote, stderr);
     return 2;
 }
@@ -218,6 +220,9 @@ int main(int argc, char **argv) {
     if (command == "fault" && !args.empty()) {
         return fault(stateDir, args);
     }
+    if (command == "export") {
+        return runExport(stateDir, args);
+    }
     if (isDiagCommand(command)) {
         return runDiagCommand(stateDir, command, args);
     }
@@ -228,6 +233,7 @@ int main(int argc, char **argv) {
         fputs(kUsage, stdout);
         fputs(kRaidUsage, stdout);
         fputs(kDiagUsage, stdout);
+        fputs(kExportUsage, stdout);
         fputs(kStateFolderNote, stdout);
         return 0;
     }
