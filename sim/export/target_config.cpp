@@ -256,27 +256,21 @@ bool TargetConfig::takeOverLeftovers(const std::function<bool(const std::string 
         }
     }
     const std::string target = found.targets.empty() ? "" : found.targets.front();
-    std::vector<std::string> hbas; // every user_K that held leftovers, in the order found
+    std::vector<const LeftoverBackstore *> dropped;
     for (const LeftoverBackstore &leftover : found.backstores) {
-        if (std::find(hbas.begin(), hbas.end(), leftover.hba) == hbas.end()) {
-            hbas.push_back(leftover.hba);
-        }
         const bool inTarget = !leftover.lunLink.empty() && startsWith(leftover.lunLink, target + "/");
         Backstore ignored;
         if (keep(leftover.name, leftover.bytes) && findUio(leftover.hba, leftover.name, &ignored)) {
             takenOver_.push_back({leftover.hba, leftover.name, inTarget ? lunOfLink(leftover.lunLink) : -1});
-            continue;
+        } else {
+            dropped.push_back(&leftover);
         }
-        if (!leftover.lunLink.empty()) {
-            removeEntry(leftover.lunLink, true);
-            removeEntry(leftover.lunLink.substr(0, leftover.lunLink.rfind('/')), false);
-        }
-        removeEntry(root_ + "/core/" + leftover.hba + "/" + leftover.name, false);
     }
+    // The links first, then the backstores they link: the other targets of ours, and the
+    // LUNs of the one kept that link nothing kept (half made, or their backstores dropped).
     for (size_t i = 1; i < found.targets.size(); i++) {
         removeTarget(found.targets[i]);
     }
-    // The LUNs of the target kept that link nothing kept: half made, or their backstores gone.
     for (const auto &lun : lunsOf(target)) {
         const int number = lunOfLink(lun.first + "/");
         const bool kept = !lun.second.empty() && std::any_of(takenOver_.begin(), takenOver_.end(),
@@ -288,13 +282,26 @@ bool TargetConfig::takeOverLeftovers(const std::function<bool(const std::string 
             removeEntry(lun.first, false);
         }
     }
+    std::vector<std::string> hbas; // every user_K that held leftovers, in the order found
+    for (const LeftoverBackstore &leftover : found.backstores) {
+        if (std::find(hbas.begin(), hbas.end(), leftover.hba) == hbas.end()) {
+            hbas.push_back(leftover.hba);
+        }
+    }
+    for (const LeftoverBackstore *leftover : dropped) {
+        removeEntry(root_ + "/core/" + leftover->hba + "/" + leftover->name, false);
+    }
     // What is taken over is removed at the end as if made now: each user_K, then its backstores.
     for (const std::string &hba : hbas) {
         const std::string path = root_ + "/core/" + hba;
         const bool used =
             std::any_of(takenOver_.begin(), takenOver_.end(), [&](const TakenOver &t) { return t.hba == hba; });
         if (!used) {
-            removeEntry(path, false);
+            const std::vector<std::string> rest = folderEntries(path);
+            if (std::none_of(rest.begin(), rest.end(),
+                             [&](const std::string &e) { return isFolder(path + "/" + e); })) {
+                removeEntry(path, false); // nothing of another program's in it
+            }
             continue;
         }
         if (hbaIndex_ < 0) {
