@@ -5,9 +5,17 @@
 include(GNUInstallDirs)
 
 set(KELPTH_SIM_LIBDIR "lib/kelpth/sim")
-set_target_properties(kelpth PROPERTIES INSTALL_RPATH "\$ORIGIN/../${KELPTH_SIM_LIBDIR}")
 
-install(TARGETS kelpth kelsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The installed kelpth is linked with the installed RUNPATH from the start, so that
+# installing only copies it. (Editing the build folder's kelpth at install time would
+# need room in its RUNPATH, which CMake makes with empty entries, and an empty entry
+# makes the loader look for every library, libc included, in the current folder.)
+add_kelpth_program(kelpth_installed)
+set_target_properties(kelpth_installed PROPERTIES OUTPUT_NAME kelpth
+                      RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/installed
+                      BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "\$ORIGIN/../${KELPTH_SIM_LIBDIR}")
+
+install(TARGETS kelpth_installed kelsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS kelctl kelpth_lib kelsim_lib LIBRARY DESTINATION ${KELPTH_SIM_LIBDIR} NAMELINK_SKIP)
 
 # Manual pages, compressed as Debian wants them.

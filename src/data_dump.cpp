@@ -17,14 +17,48 @@ constexpr uint32_t kBytesPerRow = 16;
 constexpr size_t kRowSize = kDumpRowSize;
 constexpr size_t kRowsPerBlock = 256;
 constexpr uint32_t kLargestBuffer = 0x10000;
-const char kHexDigits[] = "0123456789ABCDEF";
+constexpr char kHexDigits[] = "0123456789ABCDEF";
 
 // The character column shows what iswalnum accepts in the C locale: ASCII letters
 // and digits.
-char shownCharacter(uint8_t byte) {
+constexpr char shownCharacter(uint8_t byte) {
     const bool letterOrDigit =
         (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
     return letterOrDigit ? static_cast<char>(byte) : '.';
+}
+
+// What each byte value shows in a row, looked up rather than worked out byte by byte (a
+// dump of 2 MiB is 131072 rows): its field, two hex digits and two blanks (the second
+// blank is overwritten by the next field, or stays as the extra blank after the eighth),
+// and its character.
+struct ByteText {
+    char field[256][4];
+    char shown[256];
+};
+
+constexpr ByteText makeByteText() {
+    ByteText text{};
+    for (int byte = 0; byte < 256; byte++) {
+        text.field[byte][0] = kHexDigits[byte >> 4];
+        text.field[byte][1] = kHexDigits[byte & 0xF];
+        text.field[byte][2] = ' ';
+        text.field[byte][3] = ' ';
+        text.shown[byte] = shownCharacter(static_cast<uint8_t>(byte));
+    }
+    return text;
+}
+
+constexpr ByteText kByteText = makeByteText();
+constexpr char kBlankField[4] = {' ', ' ', ' ', ' '};
+
+// The sixteen fields of a full row, the bulk of any dump, unrolled.
+char *formatFullRowFields(char *at, const uint8_t *bytes) {
+#pragma GCC unroll 16
+    for (uint32_t column = 0; column < kBytesPerRow; column++) {
+        memcpy(at, kByteText.field[bytes[column]], 4);
+        at += column == 7 ? 4 : 3;
+    }
+    return at;
 }
 
 } // namespace
@@ -33,33 +67,31 @@ char shownCharacter(uint8_t byte) {
 // the eighth), a blank, then the characters of the bytes present, then the line end.
 // Returns its length.
 size_t formatDumpRow(char *row, uint32_t offset, const uint8_t *bytes, uint32_t count, const char *lineEnd) {
-    size_t at = 0;
-    for (int shift = 28; shift >= 0; shift -= 4) {
-        row[at++] = kHexDigits[(offset >> shift) & 0xF];
+    char *at = row;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        memcpy(at, kByteText.field[(offset >> shift) & 0xFF], 2);
+        at += 2;
     }
-    row[at++] = ':';
-    row[at++] = ' ';
-    for (uint32_t column = 0; column < kBytesPerRow; column++) {
-        if (column < count) {
-            row[at++] = kHexDigits[bytes[column] >> 4];
-            row[at++] = kHexDigits[bytes[column] & 0xF];
-        } else {
-            row[at++] = ' ';
-            row[at++] = ' ';
-        }
-        row[at++] = ' ';
-        if (column == 7) {
-            row[at++] = ' ';
+    *at++ = ':';
+    *at++ = ' ';
+    const uint32_t present = count < kBytesPerRow ? count : kBytesPerRow;
+    if (present == kBytesPerRow) {
+        at = formatFullRowFields(at, bytes);
+    } else {
+        for (uint32_t column = 0; column < kBytesPerRow; column++) {
+            memcpy(at, column < present ? kByteText.field[bytes[column]] : kBlankField, 4);
+            at += column == 7 ? 4 : 3;
         }
     }
-    row[at++] = ' ';
-    for (uint32_t column = 0; column < count; column++) {
-        row[at++] = shownCharacter(bytes[column]);
+    *at++ = ' ';
+#pragma GCC unroll 16
+    for (uint32_t column = 0; column < present; column++) {
+        *at++ = kByteText.shown[bytes[column]];
     }
     for (const char *end = lineEnd; *end != '\0'; end++) {
-        row[at++] = *end;
+        *at++ = *end;
     }
-    return at;
+    return static_cast<size_t>(at - row);
 }
 
 uint32_t KelPasPrintData(const char *title, const uint8_t *data, uint32_t size, uint32_t startRow, int32_t totalSize) {
@@ -82,6 +114,7 @@ uint32_t KelPasPrintData(const char *title, const uint8_t *data, uint32_t size, 
         const uint32_t count = size - first < kBytesPerRow ? size - first : kBytesPerRow;
         filled += formatDumpRow(block + filled, (startRow + r) * kBytesPerRow, data + first, count, "\n");
         if (filled > sizeof block - kRowSize || r + 1 == rows) {
+            endIfSignalled();
             fwrite(block, 1, filled, stdout);
             filled = 0;
         }

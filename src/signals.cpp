@@ -1,33 +1,33 @@
-// The signal handlers. signal_handler does only what is safe inside a signal handler:
-// it notes the signal and wakes a watcher thread through a pipe. The watcher, an
-// ordinary thread, takes the trace log and the screen from the command (which goes on
-// until it next writes either, so it never holds them stopped halfway), writes the
-// trace entries and the message, and ends the process with the signal's exit status.
-// A signal that lands inside stdio or inside the library's log write therefore cannot
-// deadlock or corrupt either.
+// The signal handlers. A signal may stop the command anywhere (inside malloc, stdio or
+// the library's log write), so signal_handler only notes it; the command reports it
+// itself at its next safe point (right after its next trace entry, before its next
+// block of dump rows, or at the end of the run): the handler's trace entries, the
+// message, then the end of the process with the signal's exit status. A command that
+// reaches no safe point for a while (stuck inside a library call) is ended by a timer
+// with the message on the screen only. A segmentation fault the program itself caused
+// cannot go on to a safe point: it is reported at once, as well as the moment allows.
 #define KEL_MODULE "KelPthCmd"
-#include <pthread.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
+#include "kelctl.h"
 #include "kelpth/messages.h"
 #include "kelpth/trace.h"
 
 namespace {
 
 constexpr int kHandledSignals[] = {SIGINT, SIGSEGV, SIGTERM, SIGHUP};
-// How long the watcher waits for a command stopped inside a log write or stdio (only a
-// segmentation fault stops it there; the other signals let it run on).
-constexpr int kHoldWaitMilliseconds = 500;
+// How long a noted signal waits for the command to reach a safe point.
+constexpr int kSafePointWaitMilliseconds = 1000;
 
-int wakePipe[2] = {-1, -1};
-volatile sig_atomic_t watcherReady = 0;
-volatile sig_atomic_t caughtSignal = 0;
+volatile sig_atomic_t handlersInstalled = 0;
+volatile sig_atomic_t pendingSignal = 0;
+volatile sig_atomic_t reporting = 0;
 
 uint32_t signalDetail(int signalNumber) {
     return static_cast<uint32_t>(signalNumber) - 0x20000000u;
@@ -66,71 +66,59 @@ void writeScreen(const char *text, size_t length) {
     }
 }
 
-bool holdScreen(int milliseconds) {
-    const timespec pause = {0, 1000000};
-    for (int waited = 0; waited < milliseconds; waited++) {
-        if (ftrylockfile(stdout) == 0) {
-            return true;
-        }
-        nanosleep(&pause, nullptr);
-    }
-    return false;
-}
-
-// The watcher's work for one signal: the entry line, the message, the end.
-[[noreturn]] void reportSignal(int signalNumber) {
-    const bool logHeld = holdTraceLog(kHoldWaitMilliseconds);
-    const bool screenHeld = holdScreen(kHoldWaitMilliseconds);
-    if (logHeld) {
-        memset(traceBuff, 0, sizeof traceBuff);
-        snprintf(traceBuff, sizeof traceBuff, "CALL - %s()", "signal_handler");
-        writeTraceEntry(nullptr, 0, traceBuff, nullptr, 0);
-    }
-    char message[64];
-    formatSignalMessage(signalNumber, message);
-    if (signalNumber == SIGINT) {
-        if (logHeld) {
-            writeTraceEntry(KEL_HERE, message, nullptr, 0);
-        }
-    } else if (logHeld && screenHeld) {
-        KelPthErr0004d(KEL_HERE, "signal_handler", signalDetail(signalNumber));
-    } else {
-        // The command stopped inside a log write or stdio: the screen only, past stdio.
-        writeScreen(message, strlen(message));
-    }
-    if (screenHeld) {
-        fflush(stdout);
+// Safe inside a signal handler: the message straight to the screen (none for an
+// interrupt), no trace entries, and the end.
+[[noreturn]] void endOnScreenOnly(int signalNumber) {
+    if (signalNumber != SIGINT) {
+        char message[64];
+        writeScreen(message, formatSignalMessage(signalNumber, message));
     }
     _exit(exitStatusFor(signalNumber));
 }
 
-void *watchSignals(void *) {
-    unsigned char signalNumber = 0;
-    ssize_t got = 0;
-    do {
-        got = read(wakePipe[0], &signalNumber, 1);
-    } while (got < 0 && errno == EINTR);
-    if (got == 1) {
-        reportSignal(signalNumber);
+// The report: the entry line, the message, the end.
+[[noreturn]] void reportSignal(int signalNumber) {
+    reporting = 1;
+    memset(traceBuff, 0, sizeof traceBuff);
+    snprintf(traceBuff, sizeof traceBuff, "CALL - %s()", "signal_handler");
+    writeTraceEntry(nullptr, 0, traceBuff, nullptr, 0);
+    if (signalNumber == SIGINT) {
+        char message[64];
+        formatSignalMessage(signalNumber, message);
+        writeTraceEntry(KEL_HERE, message, nullptr, 0);
+    } else {
+        KelPthErr0004d(KEL_HERE, "signal_handler", signalDetail(signalNumber));
     }
-    return nullptr;
+    fflush(stdout);
+    _exit(exitStatusFor(signalNumber));
 }
 
-// A pipe and a detached watcher thread that has every signal blocked.
-bool startWatcher() {
-    if (pipe(wakePipe) != 0) {
-        return false;
+void onSafePointWaitOver(int) {
+    endOnScreenOnly(pendingSignal);
+}
+
+// Ends the run after kSafePointWaitMilliseconds if no safe point comes first.
+void startSafePointWait() {
+    struct sigaction action {};
+    action.sa_handler = onSafePointWaitOver;
+    sigaction(SIGALRM, &action, nullptr);
+    itimerval wait{};
+    wait.it_value.tv_sec = kSafePointWaitMilliseconds / 1000;
+    wait.it_value.tv_usec = (kSafePointWaitMilliseconds % 1000) * 1000;
+    setitimer(ITIMER_REAL, &wait, nullptr);
+}
+
+// A fault raised by the kernel (si_code above zero) rather than a SIGSEGV sent by kill.
+void onSignal(int signalNumber, siginfo_t *info, void *) {
+    if (signalNumber == SIGSEGV && info != nullptr && info->si_code > 0) {
+        if (reporting != 0 || traceWriteUnderway != 0) {
+            endOnScreenOnly(signalNumber);
+        }
+        pendingSignal = signalNumber;
+        startSafePointWait();
+        reportSignal(signalNumber);
     }
-    sigset_t all, previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    pthread_t watcher;
-    const bool started = pthread_create(&watcher, nullptr, watchSignals, nullptr) == 0;
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    if (started) {
-        pthread_detach(watcher);
-    }
-    return started;
+    signal_handler(signalNumber);
 }
 
 } // namespace
@@ -139,32 +127,35 @@ void signal_setup() {
     memset(traceBuff, 0, sizeof traceBuff);
     snprintf(traceBuff, sizeof traceBuff, "CALL - %s()", "signal_setup");
     writeTraceEntry(nullptr, 0, traceBuff, nullptr, 0);
-    watcherReady = startWatcher() ? 1 : 0;
+    // As signal() installs a handler (restarted system calls, the signal held while its
+    // handler runs), with the detail that tells a fault from a signal sent.
     for (const int signalNumber : kHandledSignals) {
-        signal(signalNumber, signal_handler);
+        struct sigaction action {};
+        action.sa_sigaction = onSignal;
+        action.sa_flags = SA_SIGINFO | SA_RESTART;
+        sigaction(signalNumber, &action, nullptr);
     }
+    handlersInstalled = 1;
 }
 
 void signal_handler(int signalNumber) {
     const int savedErrno = errno;
-    caughtSignal = signalNumber;
-    const unsigned char wake = static_cast<unsigned char>(signalNumber);
-    if (watcherReady != 0 && write(wakePipe[1], &wake, 1) == 1) {
-        errno = savedErrno;
-        if (signalNumber == SIGSEGV) {
-            // Going back would fault again: wait here for the watcher to end the process.
-            for (;;) {
-                pause();
-            }
-        }
-        return;
+    if (handlersInstalled == 0) {
+        endOnScreenOnly(signalNumber);
     }
-    // No watcher: the message straight to the screen, no trace entries.
-    if (signalNumber != SIGINT) {
-        char message[64];
-        writeScreen(message, formatSignalMessage(signalNumber, message));
+    if (pendingSignal == 0 && reporting == 0) {
+        pendingSignal = signalNumber;
+        startSafePointWait();
     }
-    _exit(exitStatusFor(signalNumber));
+    errno = savedErrno;
+}
+
+void endIfSignalled() {
+    if (pendingSignal != 0 && reporting == 0) {
+        const itimerval stop{};
+        setitimer(ITIMER_REAL, &stop, nullptr);
+        reportSignal(pendingSignal);
+    }
 }
 
 void awaitSignalEnd() {
@@ -173,10 +164,6 @@ void awaitSignalEnd() {
     for (const int signalNumber : kHandledSignals) {
         sigaddset(&handled, signalNumber);
     }
-    pthread_sigmask(SIG_BLOCK, &handled, nullptr);
-    if (caughtSignal != 0) {
-        for (;;) {
-            pause();
-        }
-    }
+    sigprocmask(SIG_BLOCK, &handled, nullptr);
+    endIfSignalled();
 }

@@ -9,24 +9,18 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <mutex>
-
 #include "kelctl.h"
 
 char traceBuff[kTraceLineSize];
+volatile sig_atomic_t traceWriteUnderway = 0;
 
-namespace {
-// Recursive, so that the signal watcher can hold it across the entries it writes.
-std::recursive_timed_mutex traceLogMutex;
-} // namespace
-
+// Right after an entry is a safe point for a signal that came in meanwhile.
 int writeTraceEntry(const char *module, uint32_t line, const char *text, const void *data, uint32_t dataLength) {
-    const std::lock_guard<std::recursive_timed_mutex> hold(traceLogMutex);
-    return dumpLog(module, line, text, data, dataLength);
-}
-
-bool holdTraceLog(int milliseconds) {
-    return traceLogMutex.try_lock_for(std::chrono::milliseconds(milliseconds));
+    traceWriteUnderway = 1;
+    const int result = dumpLog(module, line, text, data, dataLength);
+    traceWriteUnderway = 0;
+    endIfSignalled();
+    return result;
 }
 
 void traceCall(const char *functionName) {

@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
+#include <string_view>
 
 namespace kelsim {
 namespace {
@@ -28,72 +30,50 @@ constexpr uint64_t kZoneBlocks = 2048; // 1 MiB of 512-byte blocks per head zone
 
 // ---- counters as text ----
 
-// Every stored counter by name, so that the text form is written and read the same way.
-template <typename Visit> void forEachCounter(DriveCounters &c, Visit visit) {
-    static const char *const kGroups[] = {"read", "write", "seek"};
-    HeadCounters *groups[] = {c.read, c.write, c.seek};
-    char name[48];
-    for (int g = 0; g < 3; ++g) {
-        for (int h = 0; h < kMaxHeads; ++h) {
-            HeadCounters &head = groups[g][h];
-            const struct {
-                const char *field;
-                uint32_t *value;
-            } fields[] = {{"sectors", &head.sectors},
-                          {"now", &head.errorsNow},
-                          {"before", &head.errorsBefore},
-                          {"worst", &head.errorsWorst}};
-            for (const auto &field : fields) {
-                snprintf(name, sizeof name, "%s.%d.%s", kGroups[g], h, field.field);
-                visit(name, field.value);
-            }
-        }
-    }
-    const struct {
-        const char *name;
-        uint32_t *value;
-    } scalars[] = {
-        {"spares", &c.spareSectors},
-        {"spinup", &c.spinUpSeconds},
-        {"spinup.before", &c.spinUpSecondsBefore},
-        {"spinup.longest", &c.spinUpSecondsLongest},
-        {"spinup.longest.at", &c.spinUpLongestAt},
-        {"startstop", &c.startStopCount},
-        {"temperature", &c.temperature},
-        {"temperature.highest", &c.temperatureHighest},
-        {"temperature.highest.at", &c.temperatureHighestAt},
-        {"voltage", &c.voltage},
-        {"voltage.highest", &c.voltageHighest},
-        {"voltage.highest.at", &c.voltageHighestAt},
-        {"voltage.lowest", &c.voltageLowest},
-        {"voltage.lowest.at", &c.voltageLowestAt},
-        {"smart.asc", &c.smartAsc},
-        {"smart.ascq", &c.smartAscq},
-        {"smart.at", &c.smartTripAt},
-    };
-    for (const auto &scalar : scalars) {
-        visit(scalar.name, scalar.value);
-    }
-}
-
-// Every counter's name and place in DriveCounters, made once from forEachCounter, so that
-// reading and writing the text take no name formatting or lookup structure per call.
+// Every stored counter: its name in the text form and its place in DriveCounters. A
+// table made by the compiler, so that a run that touches the counters builds nothing.
 struct CounterSlot {
-    std::string name;
-    ptrdiff_t offset;
+    std::string_view name;
+    size_t offset;
 };
 
-const std::vector<CounterSlot> &counterSlots() {
-    static const std::vector<CounterSlot> slots = [] {
-        std::vector<CounterSlot> made;
-        DriveCounters probe;
-        forEachCounter(probe, [&](const char *name, uint32_t *field) {
-            made.push_back({name, reinterpret_cast<char *>(field) - reinterpret_cast<char *>(&probe)});
-        });
-        return made;
-    }();
-    return slots;
-}
+#define KELSIM_HEAD_COUNTERS(group, head)                                                                              \
+    {#group "." #head ".sectors", offsetof(DriveCounters, group[head].sectors)},                                       \
+        {#group "." #head ".now", offsetof(DriveCounters, group[head].errorsNow)},                                     \
+        {#group "." #head ".before", offsetof(DriveCounters, group[head].errorsBefore)}, {                             \
+#group "." #head ".worst", offsetof(DriveCounters, group[head].errorsWorst)                                    \
+    }
+#define KELSIM_GROUP_COUNTERS(group)                                                                                   \
+    KELSIM_HEAD_COUNTERS(group, 0), KELSIM_HEAD_COUNTERS(group, 1), KELSIM_HEAD_COUNTERS(group, 2),                    \
+        KELSIM_HEAD_COUNTERS(group, 3), KELSIM_HEAD_COUNTERS(group, 4), KELSIM_HEAD_COUNTERS(group, 5),                \
+        KELSIM_HEAD_COUNTERS(group, 6), KELSIM_HEAD_COUNTERS(group, 7)
+
+constexpr CounterSlot kCounterSlots[] = {
+    KELSIM_GROUP_COUNTERS(read),
+    KELSIM_GROUP_COUNTERS(write),
+    KELSIM_GROUP_COUNTERS(seek),
+    {"spares", offsetof(DriveCounters, spareSectors)},
+    {"spinup", offsetof(DriveCounters, spinUpSeconds)},
+    {"spinup.before", offsetof(DriveCounters, spinUpSecondsBefore)},
+    {"spinup.longest", offsetof(DriveCounters, spinUpSecondsLongest)},
+    {"spinup.longest.at", offsetof(DriveCounters, spinUpLongestAt)},
+    {"startstop", offsetof(DriveCounters, startStopCount)},
+    {"temperature", offsetof(DriveCounters, temperature)},
+    {"temperature.highest", offsetof(DriveCounters, temperatureHighest)},
+    {"temperature.highest.at", offsetof(DriveCounters, temperatureHighestAt)},
+    {"voltage", offsetof(DriveCounters, voltage)},
+    {"voltage.highest", offsetof(DriveCounters, voltageHighest)},
+    {"voltage.highest.at", offsetof(DriveCounters, voltageHighestAt)},
+    {"voltage.lowest", offsetof(DriveCounters, voltageLowest)},
+    {"voltage.lowest.at", offsetof(DriveCounters, voltageLowestAt)},
+    {"smart.asc", offsetof(DriveCounters, smartAsc)},
+    {"smart.ascq", offsetof(DriveCounters, smartAscq)},
+    {"smart.at", offsetof(DriveCounters, smartTripAt)},
+};
+#undef KELSIM_GROUP_COUNTERS
+#undef KELSIM_HEAD_COUNTERS
+static_assert(kMaxHeads == 8, "the table above names heads 0 to 7");
+static_assert(std::size(kCounterSlots) == 3 * kMaxHeads * 4 + 17, "every counter has its slot");
 
 uint32_t &counterIn(DriveCounters &c, const CounterSlot &slot) {
     return *reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(&c) + slot.offset);
@@ -102,12 +82,12 @@ uint32_t &counterIn(DriveCounters &c, const CounterSlot &slot) {
 // The slot named name[0..length), looked for from `from` on (the text keeps the table's
 // order, so the next name is nearly always the next slot), or null.
 const CounterSlot *findSlot(const char *name, size_t length, size_t *from) {
-    const std::vector<CounterSlot> &slots = counterSlots();
-    for (size_t n = 0; n < slots.size(); ++n) {
-        const size_t at = (*from + n) % slots.size();
-        if (slots[at].name.size() == length && memcmp(slots[at].name.data(), name, length) == 0) {
+    constexpr size_t kSlots = std::size(kCounterSlots);
+    for (size_t n = 0; n < kSlots; ++n) {
+        const size_t at = (*from + n) % kSlots;
+        if (kCounterSlots[at].name == std::string_view(name, length)) {
             *from = at + 1;
-            return &slots[at];
+            return &kCounterSlots[at];
         }
     }
     return nullptr;
@@ -248,7 +228,7 @@ DriveCounters loadDriveCounters(DriveSettings &settings) {
 void storeDriveCounters(DriveSettings &settings, const DriveCounters &counters) {
     DriveCounters copy = counters;
     std::string text = "born=" + std::to_string(copy.bornAt);
-    for (const CounterSlot &slot : counterSlots()) {
+    for (const CounterSlot &slot : kCounterSlots) {
         const uint32_t value = counterIn(copy, slot);
         if (value != 0) { // a counter not written reads as 0
             text += ' ';

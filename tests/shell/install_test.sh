@@ -25,6 +25,15 @@ for file in bin/kelpth bin/kelsim lib/kelpth/sim/libkelctl.so lib/kelpth/sim/lib
 done
 check "nothing else in lib" test "$(find "$prefix/lib" -type f | wc -l)" -eq 3
 check "RUNPATH, not RPATH" grep -q 'RUNPATH.*\[\$ORIGIN/../lib/kelpth/sim\]' <(readelf -d "$prefix/bin/kelpth")
+# An empty RUNPATH entry (a leading, doubled or trailing colon) would make the loader
+# search the current folder, in the build folder as well as once installed.
+runpath_has_no_empty_entry() {
+    readelf -d "$1" | grep -q RUNPATH && ! readelf -d "$1" | grep -qE 'RUNPATH.*\[(:|.*::|.*:\])'
+}
+for file in "$build/kelpth" "$build/libkelctl.so" "$build/libkelpth.so" "$prefix/bin/kelpth" \
+    "$prefix/lib/kelpth/sim/libkelctl.so" "$prefix/lib/kelpth/sim/libkelpth.so"; do
+    check "no empty RUNPATH entry in $file" runpath_has_no_empty_entry "$file"
+done
 
 mkdir -p "$work/run" && cd "$work/run" || exit 1
 export KELSIM_DIR=$work/farm

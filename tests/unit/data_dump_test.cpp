@@ -1,6 +1,8 @@
 // The hex dump's layout and row numbering, and the data-buffer helpers' size rules.
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -61,6 +63,34 @@ TEST(KelPasPrintData, PiecesOfOneObjectContinueTheOffsets) {
     const std::string row = "5A 5A 5A 5A 5A 5A 5A 5A  5A 5A 5A 5A 5A 5A 5A 5A  ZZZZZZZZZZZZZZZZ\n";
     EXPECT_NE(screen.find("00000200: " + row), std::string::npos);
     EXPECT_EQ(screen.substr(screen.size() - row.size() - 10), "000003F0: " + row);
+}
+
+// Every byte value, in full rows of a later piece (no header) at offsets with the high
+// hex digits, against rows built with printf.
+TEST(KelPasPrintData, EveryByteValueMatchesPrintf) {
+    std::vector<uint8_t> all(256);
+    for (int i = 0; i < 256; i++) {
+        all[static_cast<size_t>(i)] = static_cast<uint8_t>(i);
+    }
+    const uint32_t startRow = 0x89ABCDE0u / 16;
+    uint32_t next = 0;
+    const std::string screen = dumpOf("Data", all, startRow, 512, &next);
+    std::string expected;
+    for (int row = 0; row < 16; row++) {
+        char text[96];
+        int n = snprintf(text, sizeof text, "%08X: ", (startRow + static_cast<uint32_t>(row)) * 16);
+        for (int column = 0; column < 16; column++) {
+            n += snprintf(text + n, sizeof text - static_cast<size_t>(n), column == 8 ? " %02X " : "%02X ",
+                          row * 16 + column);
+        }
+        expected += std::string(text, static_cast<size_t>(n)) + " ";
+        for (int column = 0; column < 16; column++) {
+            expected += static_cast<char>(isalnum(row * 16 + column) ? row * 16 + column : '.');
+        }
+        expected += "\n";
+    }
+    EXPECT_EQ(screen, expected);
+    EXPECT_EQ(next, startRow + 16);
 }
 
 TEST(KelPasPrintData, EmptyBlockPrintsHeaderAndBlankLine) {

@@ -1,5 +1,6 @@
 // The run-history line's bounds, and the screen, trace and exit of each handled signal.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,9 +32,11 @@ TEST(HistoryLog, LongCommandLineIsCutInsideItsBuffer) {
     HistoryLog(1, alone);
 }
 
-// How a child meets the signal: delivered after signal_setup (the watcher reports it),
-// or handed straight to signal_handler with no watcher running.
-enum class Delivery { Raised, DirectCall };
+// How a child meets the signal: delivered after signal_setup (reported at the end of
+// the run), handed straight to signal_handler before signal_setup, delivered before a
+// trace entry (reported right after it), delivered to a child that then reaches no safe
+// point (ended by the timer), or a segmentation fault of the child's own making.
+enum class Delivery { Raised, DirectCall, BeforeTraceEntry, NoSafePoint, Fault };
 
 struct SignalRun {
     int exitStatus = -1;
@@ -59,15 +62,26 @@ SignalRun handleSignalInChild(int signalNumber, Delivery delivery) {
             _exit(98);
         }
         initLog("kelpth.log", 0);
-        if (delivery == Delivery::Raised) {
-            signal_setup();
-            printf("buffered before the signal\n");
-            raise(signalNumber);
-            awaitSignalEnd();
-        } else {
+        if (delivery == Delivery::DirectCall) {
             signal_handler(signalNumber);
+            _exit(99); // not reached: the signal ends the process
         }
-        _exit(99); // not reached: the signal ends the process
+        signal_setup();
+        printf("buffered before the signal\n");
+        if (delivery == Delivery::Fault) {
+            // A page that may not be written: the kernel raises the fault.
+            void *page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            *static_cast<volatile int *>(page) = 1;
+        } else {
+            raise(signalNumber);
+        }
+        if (delivery == Delivery::BeforeTraceEntry) {
+            traceLine("## after the signal");
+        } else if (delivery == Delivery::NoSafePoint) {
+            sleep(30);
+        }
+        awaitSignalEnd();
+        _exit(99);
     }
     close(pipeFds[1]);
     char chunk[512];
@@ -114,6 +128,35 @@ TEST(SignalHandler, InterruptIsSilentAndFailsOthersReportAndSucceed) {
         EXPECT_EQ(direct.exitStatus, c.exitStatus) << c.signalNumber;
         EXPECT_EQ(direct.screen, c.signalNumber == SIGINT ? "" : std::string(c.message) + "\n");
     }
+}
+
+TEST(SignalHandler, EndsAtTheNextSafePointOrByTheTimer) {
+    const std::string before = "buffered before the signal\n";
+    const std::string term = "KEL0004-E signal_handler() failed. detail=0xe000000f\n";
+    const std::string segv = "KEL0004-E signal_handler() failed. detail=0xe000000b\n";
+
+    // The entry under way is written, then the handler's.
+    const SignalRun traced = handleSignalInChild(SIGTERM, Delivery::BeforeTraceEntry);
+    EXPECT_EQ(traced.exitStatus, 0);
+    EXPECT_EQ(traced.screen, before + term);
+    const size_t entry = traced.log.find("## after the signal");
+    ASSERT_NE(entry, std::string::npos) << traced.log;
+    EXPECT_NE(traced.log.find("CALL - signal_handler()", entry), std::string::npos) << traced.log;
+
+    // No safe point within a second: the timer ends the run, the message on the screen only.
+    const SignalRun stuck = handleSignalInChild(SIGTERM, Delivery::NoSafePoint);
+    EXPECT_EQ(stuck.exitStatus, 0);
+    EXPECT_EQ(stuck.screen, term);
+    EXPECT_EQ(stuck.log.find("CALL - signal_handler()"), std::string::npos) << stuck.log;
+    const SignalRun stuckInterrupt = handleSignalInChild(SIGINT, Delivery::NoSafePoint);
+    EXPECT_EQ(stuckInterrupt.exitStatus, 1);
+    EXPECT_EQ(stuckInterrupt.screen, "");
+
+    // A fault cannot wait for a safe point: reported at once.
+    const SignalRun fault = handleSignalInChild(SIGSEGV, Delivery::Fault);
+    EXPECT_EQ(fault.exitStatus, 0);
+    EXPECT_EQ(fault.screen, before + segv);
+    EXPECT_NE(fault.log.find("CALL - signal_handler()"), std::string::npos) << fault.log;
 }
 
 } // namespace
