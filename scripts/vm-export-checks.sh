@@ -9,7 +9,7 @@ SIM=/kelvm/sim
 KS=$SIM/kelsim
 MAP=$KELSIM_DIR/export.map
 CHECKS="export-inquiry export-capacity export-sg_dd export-mkfs export-logs export-firmware export-smartctl
-  export-media-error export-kelpth-sgio"
+  export-media-error export-kelpth-sgio export-restart"
 
 # kelpth on the simulated libraries, or on the SG_IO ones with the exported drives as slots.
 K=/kelvm/kelpth
@@ -17,11 +17,17 @@ sim_run() { tool env LD_LIBRARY_PATH=$SIM "$K" "$@"; }
 sgio_run() { tool env LD_LIBRARY_PATH=/kelvm KELSGIO_DEVICES="$SGIO_DEVICES" "$K" "$@"; }
 
 "$KS" reset >/dev/null
-"$KS" export >/tmp/export.out 2>/tmp/export.err &
-export_pid=$!
-i=0
-while [ ! -s "$MAP" ] && [ $i -lt 1800 ] && kill -0 $export_pid 2>/dev/null; do sleep 0.1; i=$((i + 1)); done
-echo "KELVM export ready after $((i / 10)) s"
+# start_export LOG: kelsim export in the background ($export_pid), waited for (3 minutes at
+# most) until it has written its map.
+start_export() {
+  rm -f "$MAP"
+  "$KS" export >/tmp/export.out 2>"$1" &
+  export_pid=$!
+  i=0
+  while [ ! -s "$MAP" ] && [ $i -lt 1800 ] && kill -0 $export_pid 2>/dev/null; do sleep 0.1; i=$((i + 1)); done
+  echo "KELVM export ready after $((i / 10)) s"
+}
+start_export /tmp/export.err
 if [ ! -s "$MAP" ]; then
   out=$(cat /tmp/export.err)
   for name in $CHECKS; do fail "$name" "kelsim export gave no map"; done
@@ -196,8 +202,44 @@ done
 out=""
 [ -z "$sgio_bad" ] && pass export-kelpth-sgio || fail export-kelpth-sgio "outputs differ:$sgio_bad"
 
-# --- The end: the export removes what it made; every refused command is listed ----------
+# --- export-restart: an export killed with SIGKILL leaves its disks; the next one carries
+# them on (same LUNs, so the same nodes), answers a read queued while no one served them,
+# and removes everything on SIGTERM.
+restart_bad=""
+sg=$(sg_of c0s0) sd=$(sd_of c0s0)
+cp "$MAP" /tmp/map.before
+tool sg_dd if=/tmp/mib.bin of="$sg" bs=512 seek=131072 count=2048 || restart_bad="$restart_bad (sg_dd write before the kill)"
+kill -KILL $export_pid
+wait $export_pid 2>/dev/null
+rm -f /tmp/queued.bin
+sg_dd if="$sg" of=/tmp/queued.bin bs=512 skip=131072 count=2048 >/tmp/queued.out 2>&1 &
+read_pid=$!
+sleep 1
+start_export /tmp/export2.err
+wait $read_pid
+read_status=$?
+if [ ! -s "$MAP" ]; then
+  restart_bad="$restart_bad (no map: $(tail -3 /tmp/export2.err | tr '\n' ' '))"
+else
+  cmp -s /tmp/map.before "$MAP" || restart_bad="$restart_bad (other nodes: $(diff /tmp/map.before "$MAP" | grep '^[-+]c' | tr '\n' ' '))"
+  [ "$read_status" = 0 ] && cmp -s /tmp/mib.bin /tmp/queued.bin ||
+    restart_bad="$restart_bad (the read queued during the restart: status $read_status $(tail -2 /tmp/queued.out | tr '\n' ' '))"
+  # Through the block node: written with dd, read back with sg_dd past the page cache.
+  rm -f /tmp/back.bin
+  if ! tool dd if=/tmp/mib.bin of="$sd" bs=65536 seek=2048 count=16 conv=fsync ||
+    ! tool sg_dd if="$sg" of=/tmp/back.bin bs=512 skip=262144 count=2048 || ! cmp -s /tmp/mib.bin /tmp/back.bin; then
+    restart_bad="$restart_bad (dd write, sg_dd read after the restart: $(printf '%s' "$out" | tail -2 | tr '\n' ' '))"
+  fi
+fi
 kill -TERM $export_pid
 wait $export_pid
-echo "KELVM export ended with status $? ; left in configfs: $(ls /sys/kernel/config/target/core 2>&1 | tr '\n' ' ')"
+export_status=$?
+left=$(find /sys/kernel/config/target | grep -e '/user_' -e '/naa\.' | head -5 | tr '\n' ' ')
+[ "$export_status" = 0 ] && [ -z "$left" ] || restart_bad="$restart_bad (ended with status $export_status, left: $left)"
+out=$(cat /tmp/export2.err)
+[ -z "$restart_bad" ] && pass export-restart || fail export-restart "$restart_bad"
+
+# --- The end: every refused command is listed -------------------------------------------
+echo "KELVM export ended with status $export_status ; left in configfs: $(ls /sys/kernel/config/target/core 2>&1 | tr '\n' ' ')"
 sed 's/^/KELVM export log: /' /tmp/export.err | head -60
+sed 's/^/KELVM restarted export log: /' /tmp/export2.err | head -20

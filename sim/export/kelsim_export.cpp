@@ -6,6 +6,7 @@
 #include "target_config.h"
 #include "uio_server.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <unistd.h>
@@ -46,18 +47,28 @@ void waitForStopSignal() {
     sigprocmask(SIG_SETMASK, &previous, nullptr);
 }
 
+// The lowest LUN number not in luns.
+int freeLun(const std::vector<int> &luns) {
+    int lun = 0;
+    while (std::find(luns.begin(), luns.end(), lun) != luns.end()) {
+        lun++;
+    }
+    return lun;
+}
+
 struct MapLine {
     std::string sg, block, address;
 };
 
 // The kernel probes each LUN on its own time: wait (2 minutes at most, for slow
 // machines) until every LUN has its sg and sd nodes.
-std::vector<MapLine> waitForNodes(const TargetConfig &config, size_t count) {
+std::vector<MapLine> waitForNodes(const TargetConfig &config, const std::vector<int> &luns) {
+    const size_t count = luns.size();
     std::vector<MapLine> lines(count);
     for (int tenths = 0; tenths < 1200 && stopSignal == 0; tenths++) {
         bool all = true;
         for (size_t i = 0; i < count; i++) {
-            lines[i].address = config.lunAddress(static_cast<int>(i));
+            lines[i].address = config.lunAddress(luns[i]);
             scsiNodes(lines[i].address, &lines[i].sg, &lines[i].block);
             all = all && !lines[i].sg.empty() && !lines[i].block.empty();
         }
@@ -113,26 +124,43 @@ int runExport(const std::string &stateDir, const std::vector<std::string> &names
         return 1;
     }
     catchStopSignals();
+    // A killed export's disks, still the farm's and the same size, carry on with their LUNs
+    // (so their /dev nodes stay); the rest of what it left goes.
+    int takenOver = 0;
+    const auto requested = [&](const std::string &name, uint64_t bytes) {
+        return std::any_of(devices.begin(), devices.end(),
+                           [&](const ExportedDevice &d) { return d.name == name && d.blocks * kBlockSize == bytes; });
+    };
+    if (!config.takeOverLeftovers(requested, &takenOver, &error)) {
+        fprintf(stderr, "kelsim export: %s\n", error.c_str());
+        return 1;
+    }
+    if (takenOver > 0) {
+        fprintf(stderr, "kelsim export: carrying on with %d disks an earlier export left\n", takenOver);
+    }
     RefusalLog log(stateDir + "/export.log");
     UioServer server;
+    std::vector<int> luns;
     for (const ExportedDevice &device : devices) {
         Backstore backstore;
+        // Mapping a ring answers what the kernel queued in it while no one served it.
         if (!config.addBackstore(device.name, device.blocks * kBlockSize, &backstore, &error) ||
             !server.add(backstore.uioDevice, backstore.mapSize, deviceHandler(farm, device, log), &error)) {
             return failed(config, server, error);
         }
+        luns.push_back(backstore.lun);
     }
     // Serving before the LUNs exist: linking one makes the kernel send it commands at once.
     if (!server.start(&error) || !config.addLoopback(&error)) {
         return failed(config, server, error);
     }
     for (size_t i = 0; i < devices.size() && stopSignal == 0; i++) {
-        if (!config.addLun(static_cast<int>(i), devices[i].name, &error)) {
+        if (luns[i] < 0 && !config.addLun(luns[i] = freeLun(luns), devices[i].name, &error)) {
             return failed(config, server, error);
         }
     }
     const std::string mapPath = stateDir + "/export.map";
-    if (stopSignal == 0 && !writeMap(mapPath, devices, waitForNodes(config, devices.size()))) {
+    if (stopSignal == 0 && !writeMap(mapPath, devices, waitForNodes(config, luns))) {
         fprintf(stderr, "kelsim export: cannot write %s\n", mapPath.c_str());
     }
     if (stopSignal == 0) {

@@ -1,18 +1,23 @@
-// configfs writes for the export, the UIO device lookup and the SCSI nodes of a LUN.
+// configfs writes for the export, what an earlier export left, the UIO device lookup and
+// the SCSI nodes of a LUN.
 #include "target_config.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kelsim {
 namespace {
 
-constexpr char kRoot[] = "/sys/kernel/config/target";
+// Our loopback targets' names start with this (an NAA IEEE Registered name, type 5).
+constexpr char kTargetPrefix[] = "naa.5001405ce1";
 // Small rings: the default maps about 1 GiB of address space per disk. The data area
 // holds the largest transfer the block layer sends many times over.
 constexpr char kDataAreaMiB[] = "4";
@@ -70,30 +75,78 @@ std::vector<std::string> folderEntries(const std::string &path) {
     return names;
 }
 
-// The UIO device whose name is "tcm-user/<hba>/<backstore>/<config>".
-bool findUio(const std::string &uioName, Backstore *backstore) {
-    for (const std::string &entry : folderEntries("/sys/class/uio")) {
-        const std::string folder = "/sys/class/uio/" + entry;
-        if (readLine(folder + "/name") != uioName) {
-            continue;
-        }
-        backstore->uioDevice = "/dev/" + entry;
-        backstore->mapSize = std::strtoull(readLine(folder + "/maps/map0/size").c_str(), nullptr, 0);
-        return backstore->mapSize > 0;
-    }
-    return false;
+bool isFolder(const std::string &path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// An NAA IEEE Registered name (type 5) of our own, different for each run.
+bool startsWith(const std::string &text, const std::string &prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// Our loopback target's name, different for each run: the prefix and 6 hex digits.
 std::string loopbackName(unsigned tag) {
     char name[32];
-    snprintf(name, sizeof name, "naa.5001405%09x", tag & 0xFFFFFFFu);
+    snprintf(name, sizeof name, "%s%06x", kTargetPrefix, tag & 0xFFFFFFu);
     return name;
+}
+
+bool removeEntry(const std::string &path, bool link) {
+    if ((link ? unlink(path.c_str()) : rmdir(path.c_str())) != 0) {
+        fprintf(stderr, "kelsim export: cannot remove %s: %s\n", path.c_str(), strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+// The LUN folders of a loopback target, and the link in each, if any.
+std::vector<std::pair<std::string, std::string>> lunsOf(const std::string &target) {
+    std::vector<std::pair<std::string, std::string>> luns;
+    const std::string lunFolder = target + "/tpgt_1/lun";
+    for (const std::string &lun : folderEntries(lunFolder)) {
+        if (!startsWith(lun, "lun_")) {
+            continue;
+        }
+        std::string link;
+        const std::string folder = lunFolder + "/" + lun;
+        for (const std::string &entry : folderEntries(folder)) {
+            struct stat info;
+            if (lstat((folder + "/" + entry).c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+                link = folder + "/" + entry;
+            }
+        }
+        luns.emplace_back(folder, link);
+    }
+    return luns;
+}
+
+// "user_0/c0s4" from a LUN link's target ("../../../../../../target/core/user_0/c0s4").
+std::string linkedBackstore(const std::string &link) {
+    char target[512];
+    const ssize_t got = readlink(link.c_str(), target, sizeof target - 1);
+    if (got <= 0) {
+        return "";
+    }
+    const std::string path(target, static_cast<size_t>(got));
+    const size_t last = path.rfind('/');
+    const size_t before = last == std::string::npos || last == 0 ? std::string::npos : path.rfind('/', last - 1);
+    return before == std::string::npos ? path : path.substr(before + 1);
 }
 
 } // namespace
 
-TargetConfig::TargetConfig() : root_(kRoot) {}
+int lunOfLink(const std::string &link) {
+    const size_t at = link.rfind("/lun_");
+    if (at == std::string::npos) {
+        return -1;
+    }
+    char *end = nullptr;
+    const long lun = std::strtol(link.c_str() + at + 5, &end, 10);
+    return end != link.c_str() + at + 5 && *end == '/' && lun >= 0 && lun < 65536 ? static_cast<int>(lun) : -1;
+}
+
+TargetConfig::TargetConfig(std::string root, std::string uioClass)
+    : root_(std::move(root)), uioClass_(std::move(uioClass)) {}
 
 TargetConfig::~TargetConfig() {
     removeAll();
@@ -119,10 +172,165 @@ bool TargetConfig::makeFolder(const std::string &path, std::string *error) {
 }
 
 std::string TargetConfig::backstorePath(const std::string &name) const {
+    for (const TakenOver &taken : takenOver_) {
+        if (taken.name == name) {
+            return root_ + "/core/" + taken.hba + "/" + name;
+        }
+    }
     return root_ + "/core/" + hba_ + "/" + name;
 }
 
+// The UIO device whose name is "tcm-user/<K>/<backstore>/kelsim/<backstore>" for user_K.
+bool TargetConfig::findUio(const std::string &hba, const std::string &name, Backstore *backstore) const {
+    const std::string uioName = "tcm-user/" + hba.substr(5) + "/" + name + "/kelsim/" + name;
+    for (const std::string &entry : folderEntries(uioClass_)) {
+        const std::string folder = uioClass_ + "/" + entry;
+        if (readLine(folder + "/name") != uioName) {
+            continue;
+        }
+        backstore->name = name;
+        backstore->uioDevice = "/dev/" + entry;
+        backstore->mapSize = std::strtoull(readLine(folder + "/maps/map0/size").c_str(), nullptr, 0);
+        return backstore->mapSize > 0;
+    }
+    return false;
+}
+
+Leftovers TargetConfig::findLeftovers() const {
+    Leftovers found;
+    for (const std::string &hba : folderEntries(root_ + "/core")) {
+        if (!startsWith(hba, "user_")) {
+            continue;
+        }
+        for (const std::string &name : folderEntries(root_ + "/core/" + hba)) {
+            const std::string path = root_ + "/core/" + hba + "/" + name;
+            if (isFolder(path) && readLine(path + "/attrib/dev_config") == "kelsim/" + name) {
+                const uint64_t bytes = std::strtoull(readLine(path + "/attrib/dev_size").c_str(), nullptr, 0);
+                found.backstores.push_back({hba, name, bytes, ""});
+            }
+        }
+    }
+    for (const std::string &target : folderEntries(root_ + "/loopback")) {
+        if (!startsWith(target, kTargetPrefix)) {
+            continue;
+        }
+        found.targets.push_back(root_ + "/loopback/" + target);
+        for (const auto &lun : lunsOf(found.targets.back())) {
+            const std::string linked = lun.second.empty() ? "" : linkedBackstore(lun.second);
+            for (LeftoverBackstore &backstore : found.backstores) {
+                if (linked == backstore.hba + "/" + backstore.name && backstore.lunLink.empty()) {
+                    backstore.lunLink = lun.second;
+                }
+            }
+        }
+    }
+    return found;
+}
+
+void TargetConfig::removeTarget(const std::string &target) const {
+    for (const auto &lun : lunsOf(target)) {
+        if (!lun.second.empty()) {
+            removeEntry(lun.second, true);
+        }
+        removeEntry(lun.first, false);
+    }
+    removeEntry(target + "/tpgt_1", false);
+    removeEntry(target, false);
+}
+
+bool TargetConfig::takeOverLeftovers(const std::function<bool(const std::string &name, uint64_t bytes)> &keep,
+                                     int *taken, std::string *error) {
+    const Leftovers found = findLeftovers();
+    // A UIO device opens once at a time: busy, another export still serves it.
+    for (const LeftoverBackstore &leftover : found.backstores) {
+        Backstore backstore;
+        if (!findUio(leftover.hba, leftover.name, &backstore)) {
+            continue;
+        }
+        const int fd = open(backstore.uioDevice.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd >= 0) {
+            close(fd);
+        } else if (errno == EBUSY) {
+            *error = "another kelsim export serves " + leftover.name + " (" + backstore.uioDevice + " is busy)";
+            return false;
+        }
+    }
+    const std::string target = found.targets.empty() ? "" : found.targets.front();
+    std::vector<const LeftoverBackstore *> dropped;
+    for (const LeftoverBackstore &leftover : found.backstores) {
+        const bool inTarget = !leftover.lunLink.empty() && startsWith(leftover.lunLink, target + "/");
+        Backstore ignored;
+        if (keep(leftover.name, leftover.bytes) && findUio(leftover.hba, leftover.name, &ignored)) {
+            takenOver_.push_back({leftover.hba, leftover.name, inTarget ? lunOfLink(leftover.lunLink) : -1});
+        } else {
+            dropped.push_back(&leftover);
+        }
+    }
+    // The links first, then the backstores they link: the other targets of ours, and the
+    // LUNs of the one kept that link nothing kept (half made, or their backstores dropped).
+    for (size_t i = 1; i < found.targets.size(); i++) {
+        removeTarget(found.targets[i]);
+    }
+    for (const auto &lun : lunsOf(target)) {
+        const int number = lunOfLink(lun.first + "/");
+        const bool kept = !lun.second.empty() && std::any_of(takenOver_.begin(), takenOver_.end(),
+                                                             [&](const TakenOver &t) { return t.lun == number; });
+        if (!kept) {
+            if (!lun.second.empty()) {
+                removeEntry(lun.second, true);
+            }
+            removeEntry(lun.first, false);
+        }
+    }
+    std::vector<std::string> hbas; // every user_K that held leftovers, in the order found
+    for (const LeftoverBackstore &leftover : found.backstores) {
+        if (std::find(hbas.begin(), hbas.end(), leftover.hba) == hbas.end()) {
+            hbas.push_back(leftover.hba);
+        }
+    }
+    for (const LeftoverBackstore *leftover : dropped) {
+        removeEntry(root_ + "/core/" + leftover->hba + "/" + leftover->name, false);
+    }
+    // What is taken over is removed at the end as if made now: each user_K, then its backstores.
+    for (const std::string &hba : hbas) {
+        const std::string path = root_ + "/core/" + hba;
+        const bool used =
+            std::any_of(takenOver_.begin(), takenOver_.end(), [&](const TakenOver &t) { return t.hba == hba; });
+        if (!used) {
+            const std::vector<std::string> rest = folderEntries(path);
+            if (std::none_of(rest.begin(), rest.end(),
+                             [&](const std::string &e) { return isFolder(path + "/" + e); })) {
+                removeEntry(path, false); // nothing of another program's in it
+            }
+            continue;
+        }
+        if (hbaIndex_ < 0) {
+            hba_ = hba;
+            hbaIndex_ = std::atoi(hba.c_str() + 5);
+        }
+        made_.push_back({path, false});
+        for (const TakenOver &taken : takenOver_) {
+            if (taken.hba == hba) {
+                made_.push_back({path + "/" + taken.name, false});
+            }
+        }
+    }
+    takenOverTarget_ = target;
+    *taken = static_cast<int>(takenOver_.size());
+    return true;
+}
+
 bool TargetConfig::addBackstore(const std::string &name, uint64_t bytes, Backstore *backstore, std::string *error) {
+    for (const TakenOver &taken : takenOver_) {
+        if (taken.name == name) {
+            backstore->lun = taken.lun;
+            if (!findUio(taken.hba, name, backstore)) {
+                *error = "no UIO device for the backstore " + taken.hba + "/" + name + " in " + uioClass_;
+                return false;
+            }
+            return true;
+        }
+    }
     if (hbaIndex_ < 0) {
         // The first free user_K: others may be in use by other programs.
         int index = 0;
@@ -155,10 +363,9 @@ bool TargetConfig::addBackstore(const std::string &name, uint64_t bytes, Backsto
     writeFile(path + "/attrib/pgr_support", "0", &ignored);
     writeFile(path + "/attrib/alua_support", "0", &ignored);
     writeFile(path + "/attrib/tmr_notification", "1", &ignored);
-    backstore->name = name;
-    const std::string uioName = "tcm-user/" + std::to_string(hbaIndex_) + "/" + name + "/" + config;
-    if (!findUio(uioName, backstore)) {
-        *error = "no UIO device named " + uioName + " in /sys/class/uio";
+    if (!findUio(hba_, name, backstore)) {
+        *error = "no UIO device named tcm-user/" + std::to_string(hbaIndex_) + "/" + name + "/" + config + " in " +
+                 uioClass_;
         return false;
     }
     return true;
@@ -167,6 +374,24 @@ bool TargetConfig::addBackstore(const std::string &name, uint64_t bytes, Backsto
 bool TargetConfig::addLoopback(std::string *error) {
     loopbackMark_ = made_.size();
     loopback_ = true;
+    if (!takenOverTarget_.empty()) {
+        tpgt_ = takenOverTarget_ + "/tpgt_1";
+        made_.push_back({takenOverTarget_, false});
+        made_.push_back({tpgt_, false});
+        for (const TakenOver &taken : takenOver_) {
+            if (taken.lun >= 0) {
+                const std::string folder = tpgt_ + "/lun/lun_" + std::to_string(taken.lun);
+                made_.push_back({folder, false});
+                for (const auto &lun : lunsOf(takenOverTarget_)) {
+                    if (lun.first == folder && !lun.second.empty()) {
+                        made_.push_back({lun.second, true});
+                    }
+                }
+            }
+        }
+        takenOverTarget_.clear(); // removed with the rest of the loopback target from now on
+        return true;
+    }
     // The fabric's folder appears with the first mkdir of it.
     if (!exists(root_ + "/loopback") && !makeFolder(root_ + "/loopback", error)) {
         return false;
@@ -201,16 +426,17 @@ void TargetConfig::removeLoopback() {
         return;
     }
     while (made_.size() > loopbackMark_) {
-        const Made &last = made_.back();
-        if ((last.link ? unlink(last.path.c_str()) : rmdir(last.path.c_str())) != 0) {
-            fprintf(stderr, "kelsim export: cannot remove %s: %s\n", last.path.c_str(), strerror(errno));
-        }
+        removeEntry(made_.back().path, made_.back().link);
         made_.pop_back();
     }
     loopback_ = false;
 }
 
 void TargetConfig::removeAll() {
+    if (!takenOverTarget_.empty()) {
+        removeTarget(takenOverTarget_); // taken over, but the loopback target never added
+        takenOverTarget_.clear();
+    }
     removeLoopback();
     loopback_ = true;
     loopbackMark_ = 0;

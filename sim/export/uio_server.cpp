@@ -15,13 +15,13 @@ UioServer::~UioServer() {
     close();
 }
 
-void UioServer::answer(Device &device) {
+void UioServer::answer(Device &device, bool wakeAnyway) {
     const RingProgress progress = drainRing(device.memory, device.size, device.handler);
     if (progress.damaged) {
         fprintf(stderr, "kelsim export: %s: a ring entry points outside the ring; it is left unanswered\n",
                 device.path.c_str());
     }
-    if (progress.commands > 0) {
+    if (progress.commands > 0 || wakeAnyway) {
         // Any 4 bytes: the kernel then collects the completed entries.
         const uint32_t wake = 1;
         if (write(device.fd, &wake, sizeof wake) != static_cast<ssize_t>(sizeof wake)) {
@@ -47,7 +47,8 @@ bool UioServer::add(const std::string &devicePath, size_t mapSize, RingHandler h
         return false;
     }
     device.memory = static_cast<uint8_t *>(memory);
-    answer(device);
+    // A killed server may have answered entries without telling the kernel: tell it now.
+    answer(device, true);
     devices_.push_back(std::move(device));
     return true;
 }
@@ -94,7 +95,7 @@ void UioServer::serve() {
                 watched[i].fd = -1; // poll() skips it from now on
                 continue;
             }
-            answer(devices_[i]);
+            answer(devices_[i], false);
         }
     }
 }

@@ -18,7 +18,8 @@ class UioServer {
     UioServer &operator=(const UioServer &) = delete;
 
     // Opens the UIO device (/dev/uioN), maps its ring of mapSize bytes and answers the
-    // commands already queued (a read of the device wakes only for later ones).
+    // commands already queued from the mailbox's tail on (a read of the device wakes only
+    // for later ones; a ring a killed export served carries on where it stopped).
     bool add(const std::string &devicePath, size_t mapSize, RingHandler handler, std::string *error);
     // Serves every device in a thread of its own until stop(); SIGINT and SIGTERM stay
     // with the caller's thread.
@@ -36,7 +37,7 @@ class UioServer {
         RingHandler handler;
     };
     void serve();
-    static void answer(Device &device);
+    static void answer(Device &device, bool wakeAnyway);
 
     std::vector<Device> devices_;
     int stopPipe_[2] = {-1, -1};
