@@ -2,6 +2,7 @@
 // of a request: wrapper checks and stripping, refusals, directions.
 #include "discovery.h"
 #include "pass_through.h"
+#include "support/scratch_folder.h"
 
 #include <gtest/gtest.h>
 
@@ -18,12 +19,10 @@ namespace {
 class FakeSysfs : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/kelsgio-sysfs.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root = pattern;
+        ASSERT_FALSE(folder.path().empty());
+        root = folder.path();
         makeFolder("/bus/scsi/devices");
     }
-    void TearDown() override { ASSERT_EQ(system(("rm -rf " + root).c_str()), 0); }
 
     void makeFolder(const std::string &path) {
         std::string full = root;
@@ -60,6 +59,7 @@ class FakeSysfs : public ::testing::Test {
         return names;
     }
 
+    ScratchFolder folder{"kelsgio-sysfs"};
     std::string root;
 };
 

@@ -5,6 +5,7 @@
 #include "faults.h"
 #include "journal.h"
 #include "pass_through.h"
+#include "support/scratch_folder.h"
 #include "trace_writer.h"
 
 #include <gtest/gtest.h>
@@ -19,12 +20,10 @@ namespace {
 class FarmFolder : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/kelsim-test-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root = pattern;
+        ASSERT_FALSE(folder.path().empty());
+        root = folder.path();
         stateDir = root + "/state/nested";
     }
-    void TearDown() override { std::filesystem::remove_all(root); }
 
     std::vector<std::string> journalLines() {
         StateStore store(stateDir);
@@ -33,6 +32,7 @@ class FarmFolder : public ::testing::Test {
         return lines;
     }
 
+    ScratchFolder folder{"kelsim-test"};
     std::string root;
     std::string stateDir;
 };
@@ -445,9 +445,9 @@ TEST(TraceLog, EntriesCarryModuleLineAndData) {
 }
 
 TEST(TraceLog, FileStaysWithinItsBoundKeepingTheNewestEntries) {
-    char pattern[] = "/tmp/kelsim-trace-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    std::string path = std::string(pattern) + "/kelpth.log";
+    ScratchFolder folder("kelsim-trace");
+    ASSERT_FALSE(folder.path().empty());
+    std::string path = folder.path() + "/kelpth.log";
     TraceLogWriter writer;
     ASSERT_TRUE(writer.open(path.c_str(), 4000));
     for (int i = 0; i < 300; i++) {
@@ -468,7 +468,6 @@ TEST(TraceLog, FileStaysWithinItsBoundKeepingTheNewestEntries) {
     std::string huge(5000, 'x');
     ASSERT_TRUE(writer.append(nullptr, 0, huge.c_str(), nullptr, 0));
     EXPECT_EQ(std::filesystem::file_size(path), 4000u);
-    std::filesystem::remove_all(pattern);
 }
 
 } // namespace

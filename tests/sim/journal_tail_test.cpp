@@ -4,6 +4,7 @@
 #include "farm.h"
 #include "journal.h"
 #include "state_store.h"
+#include "support/scratch_folder.h"
 
 #include <gtest/gtest.h>
 
@@ -17,12 +18,7 @@ namespace {
 
 class JournalTailTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/kelsim-tail-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        stateDir = pattern;
-    }
-    void TearDown() override { std::filesystem::remove_all(stateDir); }
+    void SetUp() override { ASSERT_FALSE(folder.path().empty()); }
 
     // One call's row, the way the pass-through library keeps it.
     static JournalEntry call(const std::string &function, int status = 0) {
@@ -61,7 +57,8 @@ class JournalTailTest : public ::testing::Test {
         return stat((stateDir + "/journal.tail").c_str(), &info) == 0 ? info.st_size : -1;
     }
 
-    std::string stateDir;
+    ScratchFolder folder{"kelsim-tail"};
+    const std::string &stateDir = folder.path();
 };
 
 TEST_F(JournalTailTest, RowsWaitInTheTailInTheirPlaceAndAreFoldedOnce) {

@@ -1,5 +1,6 @@
 // What a killed export left in the target's configfs, found and taken over by the next one:
 // a fake configfs tree and UIO class folder in a temporary folder stand for the kernel's.
+#include "support/scratch_folder.h"
 #include "target_config.h"
 
 #include <gtest/gtest.h>
@@ -16,9 +17,8 @@ namespace {
 class FakeConfigfs : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/kelsim-leftovers.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        top = pattern;
+        ASSERT_FALSE(scratch.path().empty());
+        top = scratch.path();
         root = top + "/target";
         uio = top + "/uio";
         // Ours: c0s0 linked as LUN 2 of our target, c0ld1 in another user_K, not linked.
@@ -37,7 +37,6 @@ class FakeConfigfs : public ::testing::Test {
         file(uio + "/uio3/name", "tcm-user/0/c0s0/kelsim/c0s0");
         file(uio + "/uio3/maps/map0/size", "0x501000");
     }
-    void TearDown() override { ASSERT_EQ(system(("rm -rf " + top).c_str()), 0); }
     static void folder(const std::string &path) { ASSERT_EQ(system(("mkdir -p " + path).c_str()), 0); }
     static void file(const std::string &path, const std::string &text) {
         folder(path.substr(0, path.rfind('/')));
@@ -53,6 +52,7 @@ class FakeConfigfs : public ::testing::Test {
         struct stat info;
         return lstat(path.c_str(), &info) == 0;
     }
+    ScratchFolder scratch{"kelsim-leftovers"};
     std::string top, root, uio;
 };
 

@@ -1,5 +1,6 @@
 // The trace log kept open by two runs at once: when one run replaces the file to keep it
 // within its bound, the other's next entries go to the new file, not to the old one.
+#include "support/scratch_folder.h"
 #include "trace_writer.h"
 
 #include <gtest/gtest.h>
@@ -15,9 +16,9 @@ namespace kelsim {
 namespace {
 
 TEST(TraceLogShared, WritersFollowTheFileAnotherOneReplaced) {
-    char pattern[] = "/tmp/kelsim-trace-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    const std::string path = std::string(pattern) + "/kelpth.log";
+    ScratchFolder folder("kelsim-trace");
+    ASSERT_FALSE(folder.path().empty());
+    const std::string path = folder.path() + "/kelpth.log";
     TraceLogWriter first, second;
     ASSERT_TRUE(first.open(path.c_str(), 3000));
     ASSERT_TRUE(second.open(path.c_str(), 3000));
@@ -34,7 +35,6 @@ TEST(TraceLogShared, WritersFollowTheFileAnotherOneReplaced) {
     EXPECT_NE(log.find("] first 199\n"), std::string::npos) << log;
     EXPECT_NE(log.find("] second 199\n"), std::string::npos) << log;
     EXPECT_LT(log.find("] first 199\n"), log.find("] second 199\n"));
-    std::filesystem::remove_all(pattern);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // The diagnostic helpers on pages made up here: the mode-page file block, the page-0x31
 // table with its hour arithmetic, and the page-0x32 decoders, whose EUC-JP output is
 // turned back to UTF-8 with iconv(3) and compared with the labels as a person reads them.
+#include "support/scratch_folder.h"
 #include <gtest/gtest.h>
 #include <iconv.h>
 #include <unistd.h>
@@ -44,14 +45,9 @@ void putBe(std::vector<uint8_t> &page, size_t offset, uint32_t value, int width)
 
 class TempFolder : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/kelpth-diag-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { (void)system(("rm -rf '" + folder_ + "'").c_str()); }
+    void SetUp() override { ASSERT_FALSE(folder_.path().empty()); }
 
-    std::string path(const char *name) const { return folder_ + "/" + name; }
+    std::string path(const char *name) const { return folder_.path() + "/" + name; }
     static std::string read(const std::string &file) {
         std::string text;
         FILE *in = fopen(file.c_str(), "rb");
@@ -67,7 +63,7 @@ class TempFolder : public ::testing::Test {
         return text;
     }
 
-    std::string folder_;
+    ScratchFolder folder_{"kelpth-diag"};
 };
 
 using ModePageFile = TempFolder;
@@ -106,7 +102,7 @@ TEST_F(ModePageFile, BlocksOfEverySizeAppendToTheFile) {
 
 TEST_F(ModePageFile, RefusalsAndAFileThatCannotBeOpened) {
     const uint8_t byte = 0;
-    const std::string folderAsFile = folder_;
+    const std::string folderAsFile = folder_.path();
     struct Case {
         const char *path;
         const uint8_t *data;
