@@ -11,9 +11,6 @@
 
 namespace {
 
-const std::string kRule = std::string(77, '-') + "\n";
-const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
-
 // The dump of one 512-byte sector whose every byte is 0x5A ('Z').
 std::string sectorOfZ() {
     std::string text = "[Read Command(1 Sector)] Size=512\n" + kRule;
@@ -23,10 +20,6 @@ std::string sectorOfZ() {
         text += offset + repeatByte("5A", 8) + " " + repeatByte("5A", 8) + " " + std::string(16, 'Z') + "\n";
     }
     return text;
-}
-
-std::string twelveByteCdb(const std::string &row) {
-    return "[CDB] Size=12\n" + kRule + "00000000: " + row + "\n\n";
 }
 
 class Dispatcher : public FarmTest {};
@@ -83,16 +76,25 @@ TEST_F(Dispatcher, UsageLinesGiveTheArgumentCountsTheDispatcherTakes) {
     }
 }
 
-TEST_F(Dispatcher, StartUpFailuresOfTheControllerLibrary) {
-    ASSERT_EQ(kelsim({"fault", "init-fail", "0x1234"}).exitStatus, 0);
-    RunResult run = kelpth({"PDOneSectorRead", "0", "0", "0"});
-    EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_EQ(run.out, "KEL0004-E initContData() failed. detail=0x00001234\n" + kAbnormalEnd);
-
-    ASSERT_EQ(kelsim({"fault", "no-controller"}).exitStatus, 0);
-    run = kelpth({"LDOneSectorRead", "0", "0", "0"});
-    EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_EQ(run.out, "KEL0003-E Orvane Raid Controller is not found.\n" + kAbnormalEnd);
+// Each failure of the controller library, scripted in the sim, and the message it gets.
+TEST_F(Dispatcher, ControllerLibraryFailuresReportTheLibraryCode) {
+    struct Case {
+        std::vector<std::string> fault;
+        const char *command;
+        std::string out;
+    };
+    for (const Case &c : std::vector<Case>{
+             {{"init-fail", "0x1234"}, "PDOneSectorRead", "KEL0004-E initContData() failed. detail=0x00001234\n"},
+             {{"no-controller"}, "LDOneSectorRead", "KEL0003-E Orvane Raid Controller is not found.\n"},
+             {{"continfo-fail", "0x5"}, "PDOneSectorRead", "KEL0004-E getContInfo() failed. detail=0x00000005\n"},
+             {{"continfo-fail", "0x20000"}, "PDOneSectorRead", "KEL0003-E Orvane Raid Controller is not found.\n"},
+             {{"raidstatus-fail", "0x7"}, "LDOneSectorRead", "KEL0004-E getRaidStatus() failed. detail=0x00000007\n"},
+         }) {
+        std::vector<std::string> fault = {"fault"};
+        fault.insert(fault.end(), c.fault.begin(), c.fault.end());
+        ASSERT_EQ(kelsim(fault).exitStatus, 0) << c.fault[0];
+        expectScreens(c.command, {{{"0", "0", "0"}, c.out + kAbnormalEnd}});
+    }
 }
 
 TEST_F(Dispatcher, TraceLogRecordsHistoryEntryLinesAndTheCdb) {
@@ -115,12 +117,12 @@ TEST_F(PhysicalSector, WriteThenReadShowsThePattern) {
     RunResult write = kelpth({"PDOneSectorWrite", "0", "0", "0x10"});
     EXPECT_EQ(write.exitStatus, 0);
     EXPECT_EQ(write.out, "RAID Controller No.0\nPhysical Drive No.0\nLogical Block Address : 0x00000010\n" +
-                             twelveByteCdb("BA 00 2A 00 00 00 00 10  00 00 01 00              ............"));
+                             cdbDump(12, "BA 00 2A 00 00 00 00 10  00 00 01 00              ............"));
 
     RunResult read = kelpth({"PDOneSectorRead", "0", "0", "0x10"});
     EXPECT_EQ(read.exitStatus, 0);
     EXPECT_EQ(read.out, "RAID Controller No.0\nPhysical Drive No.0\nLogical Block Address : 0x00000010\n\n" +
-                            twelveByteCdb("BB 00 28 00 00 00 00 10  00 00 01 00              ............") +
+                            cdbDump(12, "BB 00 28 00 00 00 00 10  00 00 01 00              ............") +
                             sectorOfZ() + "\n");
 
     std::string journal = kelsim({"journal"}).out;
@@ -137,7 +139,7 @@ TEST_F(PhysicalSector, DumpSavesExactlyOneSector) {
     EXPECT_EQ(dump.exitStatus, 0);
     EXPECT_EQ(dump.out, "RAID Controller No.0\nPhysical Drive No.2\nLogical Block Address : 0x00000007\n"
                         "Save FileName:sector.bin\n\n" +
-                            twelveByteCdb("BB 02 28 00 00 00 00 07  00 00 01 00              ............"));
+                            cdbDump(12, "BB 02 28 00 00 00 00 07  00 00 01 00              ............"));
     EXPECT_EQ(readFile("sector.bin"), std::string(512, 'Z'));
 
     // The file is opened only after a successful read; an unwritable path fails after it.
@@ -179,12 +181,13 @@ TEST_F(PhysicalSector, AcceptedAddressForms) {
     EXPECT_NE(kelpth({"PDOneSectorRead", "0", "6\n", "0"}).out.find("Physical Drive No.6"), std::string::npos);
 }
 
-TEST_F(PhysicalSector, MissingDrivesAndControllers) {
+TEST_F(PhysicalSector, MissingDrivesControllersAndVolumes) {
     const std::string noDevice = "KEL0009-E Your target DeviceNo doesn't exist.\n" + kAbnormalEnd;
-    EXPECT_EQ(kelpth({"PDOneSectorRead", "0", "7", "0"}).out, noDevice); // empty slot
-    EXPECT_EQ(kelpth({"PDOneSectorRead", "0", "8", "0"}).out, noDevice); // past the last slot
-    EXPECT_EQ(kelpth({"PDOneSectorRead", "5", "0", "0"}).out,
-              "KEL0003-E Orvane Raid Controller is not found.\n" + kAbnormalEnd);
+    expectScreens("PDOneSectorRead",
+                  {{{"0", "7", "0"}, noDevice}, // empty slot
+                   {{"0", "8", "0"}, noDevice}, // past the last slot
+                   {{"5", "0", "0"}, "KEL0003-E Orvane Raid Controller is not found.\n" + kAbnormalEnd}});
+    expectScreens("LDOneSectorRead", {{{"0", "5", "0"}, noDevice}, {{"0", "0", "0x"}, badValue("Address")}});
 }
 
 TEST_F(PhysicalSector, AnLbaPastTheEndIsACheckCondition) {
@@ -209,13 +212,6 @@ TEST_F(LogicalSector, Raid1WriteLandsOnBothMirrors) {
     RunResult read = kelpth({"LDOneSectorRead", "0", "0", "0x30"});
     EXPECT_EQ(read.exitStatus, 0);
     EXPECT_NE(read.out.find(sectorOfZ() + "\n"), std::string::npos);
-}
-
-TEST_F(LogicalSector, AbsentVolumeAndBadAddressPrintNothingElse) {
-    EXPECT_EQ(kelpth({"LDOneSectorRead", "0", "5", "0"}).out,
-              "KEL0009-E Your target DeviceNo doesn't exist.\n" + kAbnormalEnd);
-    EXPECT_EQ(kelpth({"LDOneSectorRead", "0", "0", "0x"}).out,
-              "KEL0022-E Ileagal Parameter. detail=Address\n" + kAbnormalEnd);
 }
 
 // Each library status, scripted in the sim, comes out as its own message.
@@ -258,18 +254,6 @@ INSTANTIATE_TEST_SUITE_P(
         StatusCase{"9", {}, "KEL0004-E KelIsErr() failed. detail=Bad file descriptor\n"}));
 
 class ControllerLibraryFailure : public FarmTest {};
-
-TEST_F(ControllerLibraryFailure, ChecksReportTheLibraryCode) {
-    ASSERT_EQ(kelsim({"fault", "continfo-fail", "0x5"}).exitStatus, 0);
-    EXPECT_EQ(kelpth({"PDOneSectorRead", "0", "0", "0"}).out,
-              "KEL0004-E getContInfo() failed. detail=0x00000005\n" + kAbnormalEnd);
-    ASSERT_EQ(kelsim({"fault", "continfo-fail", "0x20000"}).exitStatus, 0);
-    EXPECT_EQ(kelpth({"PDOneSectorRead", "0", "0", "0"}).out,
-              "KEL0003-E Orvane Raid Controller is not found.\n" + kAbnormalEnd);
-    ASSERT_EQ(kelsim({"fault", "raidstatus-fail", "0x7"}).exitStatus, 0);
-    EXPECT_EQ(kelpth({"LDOneSectorRead", "0", "0", "0"}).out,
-              "KEL0004-E getRaidStatus() failed. detail=0x00000007\n" + kAbnormalEnd);
-}
 
 TEST_F(ControllerLibraryFailure, UnknownDriveTypeGoesTheSasWay) {
     // Without drive information a SATA slot is treated as SAS: the wrapped READ(10) reaches

@@ -8,18 +8,9 @@
 
 namespace {
 
-const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
 // argno 0 is shown as "*".
 const std::string kIncomplete = "KEL0014-E Parameter error. argno=*\n";
 const std::string kMediumError = "KEL0005-E Request sense data  KEY:03  ASC:11  ASCQ:00\n" + kAbnormalEnd;
-
-std::string badValue(const std::string &detail) {
-    return "KEL0022-E Ileagal Parameter. detail=" + detail + "\n" + kAbnormalEnd;
-}
-
-bool endsWith(const std::string &text, const std::string &tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
 
 // The values of the example files, on the farm's drives: E on slot 3, e on slot 5, N
 // and N5 on slot 2, A on slot 4 (the MQX5108).

@@ -196,3 +196,25 @@ std::string journalField(const std::string &line, const std::string &field) {
     const size_t start = at + field.size() + 2;
     return line.substr(start, line.find(' ', start) - start);
 }
+
+size_t countOf(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+void FarmTest::expectScreens(const std::string &command, const std::vector<Screen> &cases) {
+    for (const Screen &c : cases) {
+        std::vector<std::string> args = {command};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        std::string shown;
+        for (const std::string &arg : args) {
+            shown += "'" + arg + "' ";
+        }
+        const RunResult run = kelpth(args);
+        EXPECT_EQ(run.exitStatus, c.status) << shown;
+        EXPECT_EQ(run.out, c.out) << shown;
+    }
+}

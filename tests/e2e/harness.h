@@ -36,6 +36,15 @@ class FarmTest : public ::testing::Test {
     Running start(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {});
     RunResult finish(Running running, std::string alreadyRead = "");
 
+    // One kelpth run of a table: the arguments after the command, the whole screen, the status.
+    struct Screen {
+        std::vector<std::string> args;
+        std::string out;
+        int status = 1;
+    };
+    // Runs command with each case's arguments and checks its screen and exit status.
+    void expectScreens(const std::string &command, const std::vector<Screen> &cases);
+
     std::string readFile(const std::string &name) const; // relative to workDir
     void writeFile(const std::string &name, const std::string &content) const;
     std::string traceLog() const { return readFile("kelpth.log"); }
@@ -59,3 +68,17 @@ std::vector<std::string> lines(const std::string &text);
 // Of a journal line: from the function name to the end of the CDB; one field's value.
 std::string journalCall(const std::string &line);
 std::string journalField(const std::string &line, const std::string &field);
+
+// Pieces of kelpth's screen that many checks build on.
+inline const std::string kRule = std::string(77, '-') + "\n";
+inline const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
+inline std::string badValue(const std::string &detail) {
+    return "KEL0022-E Ileagal Parameter. detail=" + detail + "\n" + kAbnormalEnd;
+}
+inline std::string cdbDump(int size, const std::string &row) {
+    return "[CDB] Size=" + std::to_string(size) + "\n" + kRule + "00000000: " + row + "\n\n";
+}
+inline bool endsWith(const std::string &text, const std::string &tail) {
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+size_t countOf(const std::string &text, const std::string &part);

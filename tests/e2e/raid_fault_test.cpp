@@ -12,10 +12,6 @@ namespace {
 const std::string kMediumError = "KEL0005-E Request sense data  KEY:03  ASC:11  ASCQ:00\n"
                                  "KEL0002-I PassThrough Tool abnormal end.\n";
 
-bool endsWith(const std::string &text, const std::string &tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
 bool showsPattern(const RunResult &read) {
     return read.exitStatus == 0 &&
            read.out.find("000001F0: 5A 5A 5A 5A 5A 5A 5A 5A  5A 5A 5A 5A 5A 5A 5A 5A") != std::string::npos;

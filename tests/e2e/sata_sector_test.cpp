@@ -7,8 +7,6 @@
 
 namespace {
 
-const std::string kRule = std::string(77, '-') + "\n";
-const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
 const std::string kSlot4Lines = "RAID Controller No.0\nPhysical Drive No.4\n";
 
 std::string sixteenByteCdb(const std::string &row) {
@@ -23,10 +21,6 @@ std::string sectorOf(const std::string &hexByte, char shown) {
         text += offset + repeatByte(hexByte, 8) + " " + repeatByte(hexByte, 8) + " " + std::string(16, shown) + "\n";
     }
     return text + "\n";
-}
-
-std::string badValue(const std::string &detail) {
-    return "KEL0022-E Ileagal Parameter. detail=" + detail + "\n" + kAbnormalEnd;
 }
 
 bool hasLine(const std::string &text, const std::string &line) {

@@ -9,9 +9,6 @@
 
 namespace {
 
-const std::string kRule = std::string(77, '-') + "\n";
-const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end.\n";
-
 std::string offsetOf(unsigned row) {
     char text[16];
     snprintf(text, sizeof text, "%08X: ", row * 16);
@@ -36,10 +33,6 @@ std::string sectorOf(const std::string &hexByte, char shown) {
         text += offsetOf(r) + row;
     }
     return text;
-}
-
-std::string cdbDump(int size, const std::string &row) {
-    return "[CDB] Size=" + std::to_string(size) + "\n" + kRule + "00000000: " + row + "\n\n";
 }
 
 std::string header(int ld, const std::string &addressLine) {
@@ -281,92 +274,50 @@ TEST_F(Stripe, DataHddIsCheckedByWButSelectsNothing) {
     EXPECT_EQ(journal(), withZero);
 }
 
-struct EarlyEnd {
-    const char *command;
-    const char *content;
-    const char *shownBefore;
-};
-
-void PrintTo(const EarlyEnd &early, std::ostream *out) {
-    *out << early.command << " with " << std::string(early.content).size() << " bytes";
-}
-
-class StripeFileEndsEarly : public Stripe, public ::testing::WithParamInterface<EarlyEnd> {};
-
-TEST_P(StripeFileEndsEarly, IsAParameterErrorWithoutArgumentNumber) {
-    writeFile("p.txt", GetParam().content);
-    RunResult run = kelpth({GetParam().command, "p.txt"});
-    EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_EQ(run.out, "Parameter Filename :" + workDir + "/p.txt\n" + GetParam().shownBefore +
-                           "KEL0014-E Parameter error. argno=*\n" + kAbnormalEnd);
+// Files that end early are parameter errors without an argument number; every refusal
+// sends nothing.
+TEST_F(Stripe, RefusalsSendNothing) {
+    const std::string kBadDataHdd = badValue("Data HDD");
+    const std::string kBadAddress = badValue("Address");
+    const std::string kNoDevice = "KEL0009-E Your target DeviceNo doesn't exist.\n" + kAbnormalEnd;
+    const std::string kEarly = "KEL0014-E Parameter error. argno=*\n" + kAbnormalEnd;
+    const std::string ld1 = "RAID Controller No.0\nLogical Drive No.1\n";
+    const std::string file = "Parameter Filename :" + workDir + "/p.txt\n";
+    struct Refusal {
+        std::vector<std::string> args;
+        const char *fileContent; // written to p.txt when not null
+        std::string out;
+    };
+    for (const Refusal &c : std::vector<Refusal>{
+             {{"w", "0", "0", "0x100", "12"}, nullptr, kBadDataHdd},
+             {{"r", "0", "1", "123456789"}, nullptr, ld1 + kBadAddress},
+             {{"r64", "0", "2", "12345678901234567"},
+              nullptr,
+              "RAID Controller No.0\nLogical Drive No.2\n" + kBadAddress},
+             {{"w64", "0", "2", "0X10", "0"}, nullptr, "RAID Controller No.0\nLogical Drive No.2\n" + kBadAddress},
+             {{"r", "0", "5", "0"}, nullptr, kNoDevice},
+             {{"w64", "0", "8", "0", "0"}, nullptr, kNoDevice},
+             {{"W", "p.txt"},
+              "0\n0\n0x100\n12\n",
+              file + "RAID Controller No.0\nLogical Drive No.0\nLogical Block Address : 0x00000100\n" + kBadDataHdd},
+             {{"R", "p.txt"}, "0\n0\n0x\n", file + "RAID Controller No.0\nLogical Drive No.0\n" + kBadAddress},
+             {{"R", "p.txt"}, "0 \n0\n0\n", file + badValue("Controller No")},
+             {{"R", "missing.txt"},
+              nullptr,
+              "KEL0004-E realpath() failed. detail=No such file or directory\n" + kAbnormalEnd},
+             {{"R", "p.txt"}, "", file + kEarly},
+             {{"R", "p.txt"}, "// Controller No\n/ Drive No\n\n", file + kEarly},
+             {{"R", "p.txt"}, "0\n1\n", file + ld1 + kEarly},
+             {{"W", "p.txt"}, "0\n1\n0x100\n", file + ld1 + "Logical Block Address : 0x00000100\n" + kEarly},
+             {{"W", "p.txt"}, "0\n1\n0x100\n  3\n", file + ld1 + "Logical Block Address : 0x00000100\n" + kEarly},
+         }) {
+        if (c.fileContent != nullptr) {
+            writeFile("p.txt", c.fileContent);
+        }
+        const std::string command = c.args[0];
+        expectScreens(command, {{std::vector<std::string>(c.args.begin() + 1, c.args.end()), c.out}});
+    }
     EXPECT_EQ(journal(), std::vector<std::string>{});
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    RAndW, StripeFileEndsEarly,
-    ::testing::Values(EarlyEnd{"R", "", ""}, EarlyEnd{"R", "// Controller No\n/ Drive No\n\n", ""},
-                      EarlyEnd{"R", "0\n1\n", "RAID Controller No.0\nLogical Drive No.1\n"},
-                      EarlyEnd{"W", "0\n1\n0x100\n",
-                               "RAID Controller No.0\nLogical Drive No.1\nLogical Block Address : 0x00000100\n"},
-                      EarlyEnd{"W", "0\n1\n0x100\n  3\n",
-                               "RAID Controller No.0\nLogical Drive No.1\nLogical Block Address : 0x00000100\n"}));
-
-struct Refusal {
-    std::vector<std::string> args;
-    const char *fileContent; // written to p.txt when not null
-    std::string out;
-};
-
-void PrintTo(const Refusal &refusal, std::ostream *out) {
-    for (const std::string &arg : refusal.args) {
-        *out << arg << ' ';
-    }
-}
-
-class StripeRefusal : public Stripe, public ::testing::WithParamInterface<Refusal> {};
-
-TEST_P(StripeRefusal, SendsNothing) {
-    if (GetParam().fileContent != nullptr) {
-        writeFile("p.txt", GetParam().fileContent);
-    }
-    RunResult run = kelpth(GetParam().args);
-    EXPECT_EQ(run.exitStatus, 1);
-    std::string expected = GetParam().out;
-    const std::string fileLine = "Parameter Filename :<file>\n";
-    if (expected.rfind(fileLine, 0) == 0) {
-        expected = "Parameter Filename :" + workDir + "/p.txt\n" + expected.substr(fileLine.size());
-    }
-    EXPECT_EQ(run.out, expected);
-    EXPECT_EQ(journal(), std::vector<std::string>{});
-}
-
-const std::string kBadDataHdd = "KEL0022-E Ileagal Parameter. detail=Data HDD\n" + kAbnormalEnd;
-const std::string kBadAddress = "KEL0022-E Ileagal Parameter. detail=Address\n" + kAbnormalEnd;
-const std::string kNoDevice = "KEL0009-E Your target DeviceNo doesn't exist.\n" + kAbnormalEnd;
-
-INSTANTIATE_TEST_SUITE_P(
-    BadValues, StripeRefusal,
-    ::testing::Values(
-        Refusal{{"w", "0", "0", "0x100", "12"}, nullptr, kBadDataHdd},
-        Refusal{{"r", "0", "1", "123456789"}, nullptr, "RAID Controller No.0\nLogical Drive No.1\n" + kBadAddress},
-        Refusal{{"r64", "0", "2", "12345678901234567"},
-                nullptr,
-                "RAID Controller No.0\nLogical Drive No.2\n" + kBadAddress},
-        Refusal{{"w64", "0", "2", "0X10", "0"}, nullptr, "RAID Controller No.0\nLogical Drive No.2\n" + kBadAddress},
-        Refusal{{"r", "0", "5", "0"}, nullptr, kNoDevice}, Refusal{{"w64", "0", "8", "0", "0"}, nullptr, kNoDevice},
-        Refusal{{"W", "p.txt"},
-                "0\n0\n0x100\n12\n",
-                "Parameter Filename :<file>\nRAID Controller No.0\nLogical Drive No.0\n"
-                "Logical Block Address : 0x00000100\n" +
-                    kBadDataHdd},
-        Refusal{{"R", "p.txt"},
-                "0\n0\n0x\n",
-                "Parameter Filename :<file>\nRAID Controller No.0\nLogical Drive No.0\n" + kBadAddress},
-        Refusal{{"R", "p.txt"},
-                "0 \n0\n0\n",
-                "Parameter Filename :<file>\nKEL0022-E Ileagal Parameter. detail=Controller No\n" + kAbnormalEnd},
-        Refusal{{"R", "missing.txt"},
-                nullptr,
-                "KEL0004-E realpath() failed. detail=No such file or directory\n" + kAbnormalEnd}));
 
 } // namespace
