@@ -11,17 +11,6 @@
 
 namespace {
 
-// The dump of one 512-byte sector whose every byte is 0x5A ('Z').
-std::string sectorOfZ() {
-    std::string text = "[Read Command(1 Sector)] Size=512\n" + kRule;
-    char offset[16];
-    for (int row = 0; row < 32; row++) {
-        snprintf(offset, sizeof offset, "%08X: ", row * 16);
-        text += offset + repeatByte("5A", 8) + " " + repeatByte("5A", 8) + " " + std::string(16, 'Z') + "\n";
-    }
-    return text;
-}
-
 class Dispatcher : public FarmTest {};
 
 // The usage screen: the short-coded message, then the block of command lines between two
@@ -123,7 +112,7 @@ TEST_F(PhysicalSector, WriteThenReadShowsThePattern) {
     EXPECT_EQ(read.exitStatus, 0);
     EXPECT_EQ(read.out, "RAID Controller No.0\nPhysical Drive No.0\nLogical Block Address : 0x00000010\n\n" +
                             cdbDump(12, "BB 00 28 00 00 00 00 10  00 00 01 00              ............") +
-                            sectorOfZ() + "\n");
+                            sectorOf("5A", 'Z') + "\n");
 
     std::string journal = kelsim({"journal"}).out;
     EXPECT_NE(journal.find("KelPasWriteExtend ctl=0 pd=0 if=0 dir=0 ata=0 cdb=BA 00 2A 00 00 00 00 10 00 00 01 00 "
@@ -207,11 +196,11 @@ TEST_F(LogicalSector, Raid1WriteLandsOnBothMirrors) {
                              kRule + "00000000: 2A 00 00 00 00 30 00 00  01 00                    .....0....\n\n");
     for (const char *slot : {"0", "1"}) {
         RunResult member = kelpth({"PDOneSectorRead", "0", slot, "0x30"});
-        EXPECT_NE(member.out.find(sectorOfZ()), std::string::npos) << "slot " << slot;
+        EXPECT_NE(member.out.find(sectorOf("5A", 'Z')), std::string::npos) << "slot " << slot;
     }
     RunResult read = kelpth({"LDOneSectorRead", "0", "0", "0x30"});
     EXPECT_EQ(read.exitStatus, 0);
-    EXPECT_NE(read.out.find(sectorOfZ() + "\n"), std::string::npos);
+    EXPECT_NE(read.out.find(sectorOf("5A", 'Z') + "\n"), std::string::npos);
 }
 
 // Each library status, scripted in the sim, comes out as its own message.

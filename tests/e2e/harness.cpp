@@ -218,3 +218,14 @@ void FarmTest::expectScreens(const std::string &command, const std::vector<Scree
         EXPECT_EQ(run.out, c.out) << shown;
     }
 }
+
+std::string filledDump(const std::string &title, const std::string &hexByte, char shown, unsigned rows) {
+    const std::string row = repeatByte(hexByte, 8) + " " + repeatByte(hexByte, 8) + " " + std::string(16, shown) + "\n";
+    std::string text = "[" + title + "] Size=" + std::to_string(rows * 16) + "\n" + kRule;
+    char offset[16];
+    for (unsigned r = 0; r < rows; r++) {
+        snprintf(offset, sizeof offset, "%08X: ", r * 16);
+        text += offset + row;
+    }
+    return text;
+}

@@ -9,20 +9,6 @@ namespace {
 
 const std::string kSlot4Lines = "RAID Controller No.0\nPhysical Drive No.4\n";
 
-std::string sixteenByteCdb(const std::string &row) {
-    return "[CDB] Size=16\n" + kRule + "00000000: " + row + "\n\n";
-}
-
-std::string sectorOf(const std::string &hexByte, char shown) {
-    std::string text = "[Read Command(1 Sector)] Size=512\n" + kRule;
-    char offset[16];
-    for (int row = 0; row < 32; row++) {
-        snprintf(offset, sizeof offset, "%08X: ", row * 16);
-        text += offset + repeatByte(hexByte, 8) + " " + repeatByte(hexByte, 8) + " " + std::string(16, shown) + "\n";
-    }
-    return text + "\n";
-}
-
 bool hasLine(const std::string &text, const std::string &line) {
     return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
 }
@@ -33,18 +19,18 @@ TEST_F(SataSector, WriteThenReadShowsThePatternAndTheAtaBlocks) {
     RunResult write = kelpth({"PDOneSectorWrite", "0", "4", "0x1234"});
     EXPECT_EQ(write.exitStatus, 0);
     EXPECT_EQ(write.out, kSlot4Lines + "Logical Block Address : 0x000000001234\n" +
-                             sixteenByteCdb("85 0B 06 00 00 00 01 00  34 00 12 00 00 40 34 00  ........4.....4."));
+                             cdbDump(16, "85 0B 06 00 00 00 01 00  34 00 12 00 00 40 34 00  ........4.....4."));
 
     RunResult read = kelpth({"PDOneSectorRead", "0", "4", "0x1234"});
     EXPECT_EQ(read.exitStatus, 0);
     EXPECT_EQ(read.out, kSlot4Lines + "Logical Block Address : 0x000000001234\n" +
-                            sixteenByteCdb("85 09 0E 00 00 00 01 00  34 00 12 00 00 40 24 00  ........4.......") +
-                            sectorOf("5A", 'Z'));
+                            cdbDump(16, "85 09 0E 00 00 00 01 00  34 00 12 00 00 40 24 00  ........4.......") +
+                            sectorOf("5A", 'Z') + "\n");
 
     // A neighbouring sector was not touched.
     RunResult neighbour = kelpth({"PDOneSectorRead", "0", "4", "1235"});
     EXPECT_EQ(neighbour.exitStatus, 0);
-    EXPECT_NE(neighbour.out.find(sectorOf("00", '.')), std::string::npos) << neighbour.out;
+    EXPECT_NE(neighbour.out.find(sectorOf("00", '.') + "\n"), std::string::npos) << neighbour.out;
 
     std::string journal = kelsim({"journal"}).out;
     EXPECT_TRUE(hasLine(journal, "1 KelPasWriteSectorExt ctl=0 pd=4 if=1 dir=0 ata=1 "
@@ -68,11 +54,11 @@ TEST_F(SataSector, AddressesAboveFourGigablocksReachTheSixteenTebibyteDrive) {
     RunResult read = kelpth({"PDOneSectorRead", "0", "5", "76543210A"});
     EXPECT_EQ(read.exitStatus, 0);
     EXPECT_EQ(read.out, "RAID Controller No.0\nPhysical Drive No.5\nLogical Block Address : 0x00076543210A\n" +
-                            sixteenByteCdb("85 09 0E 00 00 00 01 65  0A 07 21 00 43 40 24 00  .......e....C...") +
-                            sectorOf("5A", 'Z'));
+                            cdbDump(16, "85 09 0E 00 00 00 01 65  0A 07 21 00 43 40 24 00  .......e....C...") +
+                            sectorOf("5A", 'Z') + "\n");
     // The same low 32 bits without the high byte is another sector.
     RunResult low = kelpth({"PDOneSectorRead", "0", "5", "0x6543210A"});
-    EXPECT_NE(low.out.find(sectorOf("00", '.')), std::string::npos);
+    EXPECT_NE(low.out.find(sectorOf("00", '.') + "\n"), std::string::npos);
 }
 
 TEST_F(SataSector, AddressLimits) {
@@ -80,7 +66,7 @@ TEST_F(SataSector, AddressLimits) {
     RunResult top = kelpth({"PDOneSectorRead", "0", "4", "FFFFFFFFFFFF"});
     EXPECT_EQ(top.exitStatus, 1);
     EXPECT_EQ(top.out, kSlot4Lines + "Logical Block Address : 0xFFFFFFFFFFFF\n" +
-                           sixteenByteCdb("85 09 0E 00 00 00 01 FF  FF FF FF FF FF 40 24 00  ................") +
+                           cdbDump(16, "85 09 0E 00 00 00 01 FF  FF FF FF FF FF 40 24 00  ................") +
                            "KEL0005-E Request sense data  KEY:05  ASC:21  ASCQ:00\n" + kAbnormalEnd);
     // Sixteen digits behind "0x" pass the scan when the top four are zero.
     RunResult sixteen = kelpth({"PDOneSectorWrite", "0", "4", "0x0000FFFFFFFFFFFF"});
@@ -106,7 +92,7 @@ TEST_F(SataSector, LibraryFailuresAreReportedAfterTheCdb) {
     RunResult run = kelpth({"PDOneSectorWrite", "0", "4", "8"});
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_EQ(run.out, kSlot4Lines + "Logical Block Address : 0x000000000008\n" +
-                           sixteenByteCdb("85 0B 06 00 00 00 01 00  08 00 00 00 00 40 34 00  ..............4.") +
+                           cdbDump(16, "85 0B 06 00 00 00 01 00  08 00 00 00 00 40 34 00  ..............4.") +
                            "KEL0005-E Request sense data  KEY:0B  ASC:47  ASCQ:00\n" + kAbnormalEnd);
 
     ASSERT_EQ(kelsim({"fault", "pass-status", "8"}).exitStatus, 0);

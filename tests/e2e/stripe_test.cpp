@@ -9,30 +9,9 @@
 
 namespace {
 
-std::string offsetOf(unsigned row) {
-    char text[16];
-    snprintf(text, sizeof text, "%08X: ", row * 16);
-    return text;
-}
-
-// The dump of a whole stripe whose every byte is 0x5A ('Z'): one header, one rule,
-// rows 00000000 to 0001FFF0.
+// The dump of a whole stripe whose every byte is 0x5A ('Z').
 std::string stripeOfZ() {
-    const std::string row = repeatByte("5A", 8) + " " + repeatByte("5A", 8) + " " + std::string(16, 'Z') + "\n";
-    std::string text = "[Read Command(1 Stripe)] Size=131072\n" + kRule;
-    for (unsigned r = 0; r < 0x2000; r++) {
-        text += offsetOf(r) + row;
-    }
-    return text;
-}
-
-std::string sectorOf(const std::string &hexByte, char shown) {
-    const std::string row = repeatByte(hexByte, 8) + " " + repeatByte(hexByte, 8) + " " + std::string(16, shown) + "\n";
-    std::string text = "[Read Command(1 Sector)] Size=512\n" + kRule;
-    for (unsigned r = 0; r < 32; r++) {
-        text += offsetOf(r) + row;
-    }
-    return text;
+    return filledDump("Read Command(1 Stripe)", "5A", 'Z', 0x2000);
 }
 
 std::string header(int ld, const std::string &addressLine) {
