@@ -9,7 +9,7 @@
 
 namespace {
 
-const std::string kLbaOutOfRange = "KEL0005-E Request sense data  KEY:05  ASC:21  ASCQ:00\n" + kAbnormalEnd;
+const std::string kLbaOutOfRange = senseError("05", "21", "00");
 
 std::string hex(uint64_t value) {
     char text[32];
@@ -93,7 +93,7 @@ TEST_F(CapacityChange, Refusals) {
     EXPECT_EQ(tooBig.exitStatus, 1);
     EXPECT_EQ(tooBig.out, slot0 + capacityLine + "\n\n" +
                               cdbDump(8, "BA 00 15 01 00 00 0C 00                           ........") +
-                              "KEL0005-E Request sense data  KEY:05  ASC:26  ASCQ:00\n" + kAbnormalEnd);
+                              senseError("05", "26", "00"));
 }
 
 TEST_F(CapacityChange, SataShrinkIsSeenByTheNextRunAndGrowsBackToNative) {

@@ -97,8 +97,7 @@ TEST_F(ModePagePrint, ACheckConditionIsReportedAndNoBlockIsWritten) {
     ASSERT_EQ(kelsim({"fault", "pass-status", "4", "--detail-hex", "700005000000000A000000002400"}).exitStatus, 0);
     RunResult run = kelpth({"PDPrintModePage", "0", "0", "3F", "00", "FF"});
     EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:05  ASC:24  ASCQ:00\n" + kAbnormalEnd),
-              std::string::npos);
+    EXPECT_NE(run.out.find(senseError("05", "24", "00")), std::string::npos);
     EXPECT_EQ(access((workDir + "/Cnt0Dev0.txt").c_str(), F_OK), -1);
 }
 
@@ -148,8 +147,7 @@ TEST_F(LogSenseReport, AFailingDriveDoesNotStopTheWalk) {
     EXPECT_EQ(run.exitStatus, 0);
     const std::string firstDrive = "RAID Controller No.0\nPhysical Drive No.0\n" + kPage31Title + "[CDB] Size=12\n";
     ASSERT_EQ(run.out.substr(0, firstDrive.size()), firstDrive);
-    const size_t failure = run.out.find("KEL0005-E Request sense data  KEY:03  ASC:11  ASCQ:00\n" + kAbnormalEnd +
-                                        "\nRAID Controller No.0\nPhysical Drive No.1\n");
+    const size_t failure = run.out.find(senseError("03", "11", "00") + "\nRAID Controller No.0\nPhysical Drive No.1\n");
     EXPECT_NE(failure, std::string::npos) << run.out.substr(0, 600);
     EXPECT_EQ(countOf(run.out, kPage32Title), 6u);
 }
@@ -325,7 +323,7 @@ TEST_F(FirmwareDownload, AnImageUpdatesItsFamilyAndTheOtherFamilyRefusesIt) {
         << run.out;
     EXPECT_EQ(countOf(run.out, "[CDB] Size=12\n"), 2u) << "one CDB per drive";
     EXPECT_EQ(run.out.find("Product ID:SD"), std::string::npos);
-    const std::string refused = "KEL0005-E Request sense data  KEY:05  ASC:26  ASCQ:00\n" + kAbnormalEnd;
+    const std::string refused = senseError("05", "26", "00");
     EXPECT_EQ(run.out.substr(run.out.size() - refused.size()), refused) << run.out;
 
     const std::vector<std::string> pieces = journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer");
@@ -357,8 +355,7 @@ TEST_F(FirmwareDownload, TheFirstRefusalStopsTheDownloadBeforeTheNextDrive) {
     makeImage("mbb.bin", "MBB2SIM", "0303", 0x20000);
     RunResult run = kelpth({"F", "mbb.bin"});
     EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:05  ASC:26  ASCQ:00\n" + kAbnormalEnd), std::string::npos)
-        << run.out;
+    EXPECT_NE(run.out.find(senseError("05", "26", "00")), std::string::npos) << run.out;
     EXPECT_EQ(run.out.find("Product ID:MBB2SIM"), std::string::npos) << run.out;
     const std::vector<std::string> pieces = journalRows(kelsim({"journal"}).out, "KelPasWriteBuffer");
     ASSERT_EQ(pieces.size(), 2u);
@@ -398,8 +395,7 @@ TEST_F(FirmwareDownload, AFailureAtPieceThreeStopsTheDownloadAndKeepsTheOldFirmw
     EXPECT_NE(kelsim({"fault", "list"}).out.find("check-condition 0 6 3B after=2 sense=04/44/00\n"), std::string::npos);
     RunResult run = kelpth({"F", "fw.bin"});
     EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_NE(run.out.find("KEL0005-E Request sense data  KEY:04  ASC:44  ASCQ:00\n" + kAbnormalEnd), std::string::npos)
-        << run.out;
+    EXPECT_NE(run.out.find(senseError("04", "44", "00")), std::string::npos) << run.out;
     const std::string journal = kelsim({"journal"}).out;
     const std::vector<std::string> pieces = journalRows(journal, "KelPasWriteBuffer");
     ASSERT_EQ(pieces.size(), 3u);

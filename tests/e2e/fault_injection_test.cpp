@@ -10,7 +10,6 @@ namespace {
 
 // argno 0 is shown as "*".
 const std::string kIncomplete = "KEL0014-E Parameter error. argno=*\n";
-const std::string kMediumError = "KEL0005-E Request sense data  KEY:03  ASC:11  ASCQ:00\n" + kAbnormalEnd;
 
 // The values of the example files, on the farm's drives: E on slot 3, e on slot 5, N
 // and N5 on slot 2, A on slot 4 (the MQX5108).
@@ -133,7 +132,7 @@ TEST_F(FaultInjection, SataInjectionSendsTheStructureAndShowsItSwapped) {
 // The example pages of N and N5 fail reads and writes of blocks 0x12000..0x12007 with
 // MEDIUM ERROR, ASC 0x10, 16 times; a page with injection off restores normal answers.
 TEST_F(FaultInjection, InjectionPagesFailMatchingCommandsAsTheDriveDefinesThem) {
-    const std::string injected = "KEL0005-E Request sense data  KEY:03  ASC:10  ASCQ:00\n" + kAbnormalEnd;
+    const std::string injected = senseError("03", "10", "00");
     for (const auto &[command, values] : {std::pair{"N", kPage28Values}, std::pair{"N5", kPage32Values}}) {
         ASSERT_EQ(runWith(command, values).exitStatus, 0) << command;
         EXPECT_TRUE(endsWith(readSector("2", "0x12007").out, injected)) << command;
@@ -162,11 +161,11 @@ TEST_F(FaultInjection, SataInjectionFailsReadsWithTheNamedError) {
         std::string tail;
     };
     for (const Case &c : std::vector<Case>{
-             {"IDNF", "KEL0005-E Request sense data  KEY:05  ASC:21  ASCQ:00\n" + kAbnormalEnd},
+             {"IDNF", senseError("05", "21", "00")},
              {"CTO", "KEL0023-E Request time out.\n" + kAbnormalEnd},
-             {"DCE", "KEL0005-E Request sense data  KEY:04  ASC:44  ASCQ:00\n" + kAbnormalEnd},
-             {"AMNF", "KEL0005-E Request sense data  KEY:03  ASC:13  ASCQ:00\n" + kAbnormalEnd},
-             {"CRC", "KEL0005-E Request sense data  KEY:0B  ASC:47  ASCQ:00\n" + kAbnormalEnd},
+             {"DCE", senseError("04", "44", "00")},
+             {"AMNF", senseError("03", "13", "00")},
+             {"CRC", senseError("0B", "47", "00")},
              {"ECC", kMediumError},
          }) {
         ASSERT_EQ(runWith("A", with(kSataInjectionValues, 7, c.type)).exitStatus, 0) << c.type;

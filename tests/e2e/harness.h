@@ -75,6 +75,11 @@ inline const std::string kAbnormalEnd = "KEL0002-I PassThrough Tool abnormal end
 inline std::string badValue(const std::string &detail) {
     return "KEL0022-E Ileagal Parameter. detail=" + detail + "\n" + kAbnormalEnd;
 }
+// A check condition's message: sense key, ASC and ASCQ as two hex digits each.
+inline std::string senseError(const std::string &key, const std::string &asc, const std::string &ascq) {
+    return "KEL0005-E Request sense data  KEY:" + key + "  ASC:" + asc + "  ASCQ:" + ascq + "\n" + kAbnormalEnd;
+}
+inline const std::string kMediumError = senseError("03", "11", "00");
 inline std::string cdbDump(int size, const std::string &row) {
     return "[CDB] Size=" + std::to_string(size) + "\n" + kRule + "00000000: " + row + "\n\n";
 }

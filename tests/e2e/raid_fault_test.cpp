@@ -9,9 +9,6 @@
 
 namespace {
 
-const std::string kMediumError = "KEL0005-E Request sense data  KEY:03  ASC:11  ASCQ:00\n"
-                                 "KEL0002-I PassThrough Tool abnormal end.\n";
-
 bool showsPattern(const RunResult &read) {
     return read.exitStatus == 0 &&
            read.out.find("000001F0: 5A 5A 5A 5A 5A 5A 5A 5A  5A 5A 5A 5A 5A 5A 5A 5A") != std::string::npos;

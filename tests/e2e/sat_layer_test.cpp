@@ -10,14 +10,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-std::string paramFile(const std::vector<std::string> &values) {
-    std::string text;
-    for (const std::string &value : values) {
-        text += "// value\n" + value + "\n";
-    }
-    return text;
-}
-
 // The bytes of the "Command Result" dump on the screen.
 Bytes resultBytes(const std::string &screen) {
     Bytes bytes;

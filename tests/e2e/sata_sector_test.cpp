@@ -67,7 +67,7 @@ TEST_F(SataSector, AddressLimits) {
     EXPECT_EQ(top.exitStatus, 1);
     EXPECT_EQ(top.out, kSlot4Lines + "Logical Block Address : 0xFFFFFFFFFFFF\n" +
                            cdbDump(16, "85 09 0E 00 00 00 01 FF  FF FF FF FF FF 40 24 00  ................") +
-                           "KEL0005-E Request sense data  KEY:05  ASC:21  ASCQ:00\n" + kAbnormalEnd);
+                           senseError("05", "21", "00"));
     // Sixteen digits behind "0x" pass the scan when the top four are zero.
     RunResult sixteen = kelpth({"PDOneSectorWrite", "0", "4", "0x0000FFFFFFFFFFFF"});
     EXPECT_NE(sixteen.out.find("Logical Block Address : 0xFFFFFFFFFFFF\n"), std::string::npos) << sixteen.out;
@@ -93,7 +93,7 @@ TEST_F(SataSector, LibraryFailuresAreReportedAfterTheCdb) {
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_EQ(run.out, kSlot4Lines + "Logical Block Address : 0x000000000008\n" +
                            cdbDump(16, "85 0B 06 00 00 00 01 00  08 00 00 00 00 40 34 00  ..............4.") +
-                           "KEL0005-E Request sense data  KEY:0B  ASC:47  ASCQ:00\n" + kAbnormalEnd);
+                           senseError("0B", "47", "00"));
 
     ASSERT_EQ(kelsim({"fault", "pass-status", "8"}).exitStatus, 0);
     run = kelpth({"PDOneSectorRead", "0", "4", "8"});

@@ -192,7 +192,7 @@ TEST_F(Stripe, The64BitWrapIsCutShortAtTheEndOfTheVolume) {
     EXPECT_EQ(read.exitStatus, 1);
     EXPECT_EQ(read.out, header(2, "0xFFFFFFFFFFFFFF80\n") +
                             cdbDump(16, "88 00 FF FF FF FF FF FF  FF 80 00 00 01 00 00 00  ................") +
-                            "KEL0005-E Request sense data  KEY:05  ASC:21  ASCQ:00\n" + kAbnormalEnd);
+                            senseError("05", "21", "00"));
     EXPECT_EQ(journal(), (std::vector<std::string>{
                              "KelPasAnyCommand ctl=0 ld=2 if=0 dir=1 ata=0 "
                              "cdb=88 00 FF FF FF FF FF FF FF 80 00 00 00 80 00 00 len=65536 status=4 sense=05/21/00"}));
@@ -210,7 +210,7 @@ TEST_F(Stripe, AStripePastTheEndFailsAfterItsFirstHalf) {
 
     RunResult read = kelpth({"r", "0", "1", lastHalf});
     EXPECT_EQ(read.exitStatus, 1);
-    const std::string failure = "KEL0005-E Request sense data  KEY:05  ASC:21  ASCQ:00\n" + kAbnormalEnd;
+    const std::string failure = senseError("05", "21", "00");
     ASSERT_GE(read.out.size(), failure.size());
     EXPECT_EQ(read.out.substr(read.out.size() - failure.size()), failure);
     // The first half is shown in full before the second one fails.
