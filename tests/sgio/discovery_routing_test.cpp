@@ -143,30 +143,51 @@ kelcommon::PassOutcome route(PassThroughRequest &request, bool sata, kelcommon::
     return kelcommon::routeRequest(call, sata, command);
 }
 
-TEST(Routing, TheWrapperIsTakenOffToTheLengthOfTheInnerCommand) {
+// A SAS drive's wrapper is taken off to the length of the inner command; ATA PASS-THROUGH,
+// other commands to a SATA drive's translation layer and logical drives go as they are.
+TEST(Routing, WhatReachesTheDrive) {
+    using kelcommon::PassFunction;
     struct Case {
         std::vector<uint8_t> cdb;
+        uint32_t target;
         uint8_t direction;
-        size_t innerLength;
+        bool sata;
+        PassFunction function;
+        size_t length; // of the inner command, or of the whole one sent as it is
+        bool ata = false;
     };
+    const uint32_t pd = KEL_TARGET_PHYSICAL;
     const std::vector<Case> cases = {
-        {{0xBB, 3, 0x28, 0, 0, 0, 0x10, 0, 0, 1, 0, 0}, KEL_DIR_IN, 10},          // READ(10)
-        {{0xBA, 3, 0x2A, 0, 0, 0, 0x10, 0, 0, 1, 0, 0}, KEL_DIR_OUT, 10},         // WRITE(10)
-        {{0xBB, 3, 0x12, 0, 0, 0, 0x60, 0}, KEL_DIR_IN, 6},                       // INQUIRY
-        {{0xBA, 3, 0x15, 0x10, 0, 0, 0x18, 0, 0, 0, 0, 0}, KEL_DIR_OUT, 6},       // MODE SELECT(6)
-        {{0xBB, 3, 0x88, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1}, KEL_DIR_IN, 14}, // READ(16), cut short
-        {{0xBB, 3, 0xA0, 0, 0, 0, 0, 0, 0, 0x10, 0, 0}, KEL_DIR_IN, 10},          // REPORT LUNS
+        {{0xBB, 3, 0x28, 0, 0, 0, 0x10, 0, 0, 1, 0, 0}, pd, KEL_DIR_IN, false, PassFunction::AnyCommand, 10},
+        {{0xBA, 3, 0x2A, 0, 0, 0, 0x10, 0, 0, 1, 0, 0}, pd, KEL_DIR_OUT, false, PassFunction::WriteExtend, 10},
+        {{0xBB, 3, 0x12, 0, 0, 0, 0x60, 0}, pd, KEL_DIR_IN, false, PassFunction::AnyCommand, 6},
+        {{0xBA, 3, 0x15, 0x10, 0, 0, 0x18, 0, 0, 0, 0, 0}, pd, KEL_DIR_OUT, false, PassFunction::WriteExtend, 6},
+        // READ(16), cut short
+        {{0xBB, 3, 0x88, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1}, pd, KEL_DIR_IN, false, PassFunction::AnyCommand, 14},
+        {{0xBB, 3, 0xA0, 0, 0, 0, 0, 0, 0, 0x10, 0, 0}, pd, KEL_DIR_IN, false, PassFunction::AnyCommand, 10},
+        {{0x85, 0x07, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x40, 0xEA, 0},
+         pd,
+         KEL_DIR_NONE,
+         true,
+         PassFunction::AnyCommand,
+         16,
+         true},
+        {{0x12, 0, 0, 0, 0x60, 0}, pd, KEL_DIR_IN, true, PassFunction::Inquiry, 6},
+        {{0x28, 0, 0, 0, 0, 0x20, 0, 0, 1, 0}, KEL_TARGET_LOGICAL, KEL_DIR_IN, false, PassFunction::ReadExtend, 10},
     };
     for (const Case &c : cases) {
         kelcommon::RoutedCommand command;
-        auto function =
-            c.direction == KEL_DIR_OUT ? kelcommon::PassFunction::WriteExtend : kelcommon::PassFunction::AnyCommand;
-        PassThroughRequest r = request(KEL_TARGET_PHYSICAL, c.direction, c.cdb);
-        ASSERT_EQ(route(r, false, function, &command).status, KEL_STATUS_GOOD) << int(c.cdb[2]);
-        EXPECT_EQ(command.cdb, r.cdb + 2);
+        PassThroughRequest r = request(c.target, c.direction, c.cdb);
+        const bool wrapped = c.cdb[0] == 0xBB || c.cdb[0] == 0xBA;
+        ASSERT_EQ(route(r, c.sata, c.function, &command).status, KEL_STATUS_GOOD) << int(c.cdb[wrapped ? 2 : 0]);
+        EXPECT_EQ(command.cdb, r.cdb + (wrapped ? 2 : 0));
         EXPECT_EQ(command.direction, c.direction);
-        EXPECT_FALSE(command.ataPassThrough);
-        EXPECT_EQ(commandLength(c.cdb[2], command.cdbLength), c.innerLength) << int(c.cdb[2]);
+        EXPECT_EQ(command.ataPassThrough, c.ata);
+        if (wrapped) {
+            EXPECT_EQ(commandLength(c.cdb[2], command.cdbLength), c.length) << int(c.cdb[2]);
+        } else {
+            EXPECT_EQ(command.cdbLength, c.length) << int(c.cdb[0]);
+        }
     }
 }
 
@@ -201,30 +222,6 @@ TEST(Routing, RefusalsAndTheirStatuses) {
         PassThroughRequest r = c.request;
         EXPECT_EQ(route(r, c.sata, c.function, &command).status, c.status) << c.name;
     }
-}
-
-TEST(Routing, AtaPassThroughAndLogicalDrivesGoAsTheyAre) {
-    kelcommon::RoutedCommand command;
-    PassThroughRequest ata =
-        request(KEL_TARGET_PHYSICAL, KEL_DIR_NONE, {0x85, 0x07, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x40, 0xEA, 0});
-    ASSERT_EQ(route(ata, true, kelcommon::PassFunction::AnyCommand, &command).status, KEL_STATUS_GOOD);
-    EXPECT_EQ(command.cdb, ata.cdb);
-    EXPECT_EQ(command.cdbLength, 16u);
-    EXPECT_EQ(command.direction, KEL_DIR_NONE);
-    EXPECT_TRUE(command.ataPassThrough);
-
-    // Any other command goes to a SATA drive's translation layer as it is.
-    PassThroughRequest inquiry = request(KEL_TARGET_PHYSICAL, KEL_DIR_IN, {0x12, 0, 0, 0, 0x60, 0});
-    ASSERT_EQ(route(inquiry, true, kelcommon::PassFunction::Inquiry, &command).status, KEL_STATUS_GOOD);
-    EXPECT_EQ(command.cdb, inquiry.cdb);
-    EXPECT_EQ(command.cdbLength, 6u);
-    EXPECT_FALSE(command.ataPassThrough);
-
-    PassThroughRequest logical = request(KEL_TARGET_LOGICAL, KEL_DIR_IN, {0x28, 0, 0, 0, 0, 0x20, 0, 0, 1, 0});
-    ASSERT_EQ(route(logical, false, kelcommon::PassFunction::ReadExtend, &command).status, KEL_STATUS_GOOD);
-    EXPECT_EQ(command.cdb, logical.cdb);
-    EXPECT_EQ(command.cdbLength, 10u);
-    EXPECT_FALSE(command.ataPassThrough);
 }
 
 } // namespace
