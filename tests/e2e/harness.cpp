@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace {
 std::string slurpFd(int fd) {
@@ -228,4 +229,21 @@ std::string filledDump(const std::string &title, const std::string &hexByte, cha
         text += offset + row;
     }
     return text;
+}
+
+std::vector<int> FarmTest::kelpthAtOnce(int threads, int runsEach,
+                                        const std::function<std::vector<std::string>(int, int)> &argsOf) {
+    std::vector<std::thread> running;
+    std::vector<int> failures(static_cast<size_t>(threads), 0);
+    for (int t = 0; t < threads; t++) {
+        running.emplace_back([&, t] {
+            for (int i = 0; i < runsEach; i++) {
+                failures[static_cast<size_t>(t)] += kelpth(argsOf(t, i)).exitStatus != 0;
+            }
+        });
+    }
+    for (std::thread &thread : running) {
+        thread.join();
+    }
+    return failures;
 }

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,11 @@ class FarmTest : public ::testing::Test {
     };
     // Runs command with each case's arguments and checks its screen and exit status.
     void expectScreens(const std::string &command, const std::vector<Screen> &cases);
+
+    // Runs kelpth from threads at once, each runsEach times with the arguments
+    // argsOf(thread, run) gives; returns each thread's count of failed runs.
+    std::vector<int> kelpthAtOnce(int threads, int runsEach,
+                                  const std::function<std::vector<std::string>(int, int)> &argsOf);
 
     std::string readFile(const std::string &name) const; // relative to workDir
     void writeFile(const std::string &name, const std::string &content) const;

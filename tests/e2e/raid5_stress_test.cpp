@@ -131,23 +131,11 @@ TEST_F(Raid5Stress, RunsKilledAtRandomMomentsLeaveWholeHalvesAndParity) {
 TEST_F(Raid5Stress, EightWritersAtOnceAllLandWithParity) {
     constexpr int kWriters = 8;
     constexpr int kRunsEach = 50;
-    std::vector<std::thread> writers;
-    std::vector<int> failures(kWriters, 0);
-    for (int w = 0; w < kWriters; w++) {
-        writers.emplace_back([&, w] {
-            // Writer w takes stripes w, w + 8, w + 16...: neighbours belong to others.
-            for (int i = 0; i < kRunsEach; i++) {
-                failures[static_cast<size_t>(w)] +=
-                    kelpth({"w", "0", "1", stripeLba(w + kWriters * i), "0"}).exitStatus != 0;
-            }
-        });
-    }
-    for (std::thread &writer : writers) {
-        writer.join();
-    }
-    for (int w = 0; w < kWriters; w++) {
-        EXPECT_EQ(failures[static_cast<size_t>(w)], 0) << "writer " << w;
-    }
+    // Writer w takes stripes w, w + 8, w + 16...: neighbours belong to others.
+    const std::vector<int> failures = kelpthAtOnce(kWriters, kRunsEach, [&](int w, int i) {
+        return std::vector<std::string>{"w", "0", "1", stripeLba(w + kWriters * i), "0"};
+    });
+    EXPECT_EQ(failures, std::vector<int>(kWriters, 0));
     expectSoundDatabase();
     expectWholeStripsAndParity(kWriters * kRunsEach);
     // Every data strip of every written row holds the pattern: two of the three members.

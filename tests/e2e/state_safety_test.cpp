@@ -9,7 +9,6 @@
 
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -45,23 +44,12 @@ TEST_F(StateSafety, RunsAtTheSameTimeAllLand) {
         {"PDOneSectorWrite", "0", "2"}, {"PDOneSectorWrite", "0", "3"}, {"PDOneSectorWrite", "0", "4"},
         {"PDOneSectorWrite", "0", "6"}, {"LDOneSectorWrite", "0", "0"}, {"PDOneSectorWrite", "1", "0"}};
     constexpr int kRunsEach = 4;
-    std::vector<std::thread> threads;
-    std::vector<int> failures(writers.size(), 0);
-    for (size_t w = 0; w < writers.size(); w++) {
-        threads.emplace_back([&, w] {
-            for (int i = 0; i < kRunsEach; i++) {
-                std::vector<std::string> args = writers[w];
-                args.push_back("0x" + std::to_string(100 + i));
-                failures[w] += kelpth(args).exitStatus != 0;
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    for (size_t w = 0; w < writers.size(); w++) {
-        EXPECT_EQ(failures[w], 0) << writers[w][0] << " " << writers[w][2];
-    }
+    const std::vector<int> failures = kelpthAtOnce(static_cast<int>(writers.size()), kRunsEach, [&](int w, int i) {
+        std::vector<std::string> args = writers[static_cast<size_t>(w)];
+        args.push_back("0x" + std::to_string(100 + i));
+        return args;
+    });
+    EXPECT_EQ(failures, std::vector<int>(writers.size(), 0));
     EXPECT_EQ(journalLength(), writers.size() * kRunsEach);
     const std::string pattern = "00000000: " + repeatByte("5A", 8) + " " + repeatByte("5A", 8);
     for (const std::vector<std::string> &target : {std::vector<std::string>{"PDOneSectorRead", "0", "6", "0x103"},
@@ -126,22 +114,11 @@ TEST_F(StateSafety, ReportsAndWritesAtTheSameTimeJournalEveryCallOnce) {
     ASSERT_EQ(kelpth({"L"}).exitStatus, 0);
     ASSERT_EQ(kelsim({"journal", "--clear"}).exitStatus, 0);
     constexpr int kRunsEach = 3;
-    std::vector<std::thread> threads;
-    std::vector<int> failures(4, 0);
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kRunsEach; i++) {
-                const std::vector<std::string> args =
-                    t < 2 ? std::vector<std::string>{"L"}
-                          : std::vector<std::string>{"PDOneSectorWrite", "0", std::to_string(t),
-                                                     "0x" + std::to_string(i)};
-                failures[static_cast<size_t>(t)] += kelpth(args).exitStatus != 0;
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    // Two threads report, two write to slots 2 and 3.
+    const std::vector<int> failures = kelpthAtOnce(4, kRunsEach, [](int t, int i) {
+        return t < 2 ? std::vector<std::string>{"L"}
+                     : std::vector<std::string>{"PDOneSectorWrite", "0", std::to_string(t), "0x" + std::to_string(i)};
+    });
     EXPECT_EQ(failures, std::vector<int>(4, 0));
     const std::string journal = kelsim({"journal"}).out;
     std::istringstream in(journal);
