@@ -40,7 +40,6 @@ class FaultInjection : public FarmTest {
         writeFile("param.txt", paramFile(values));
         return kelpth({command, "param.txt"});
     }
-    std::vector<std::string> journal() { return lines(kelsim({"journal"}).out); }
     RunResult readSector(const std::string &slot, const std::string &lba) {
         return kelpth({"PDOneSectorRead", "0", slot, lba});
     }

@@ -158,12 +158,7 @@ std::string repeatByte(const std::string &hexByte, int count) {
 }
 
 int patternRows(const std::string &dump) {
-    int rows = 0;
-    for (size_t at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A"); at != std::string::npos;
-         at = dump.find(": 5A 5A 5A 5A 5A 5A 5A 5A  5A", at + 1)) {
-        rows++;
-    }
-    return rows;
+    return static_cast<int>(countOf(dump, ": 5A 5A 5A 5A 5A 5A 5A 5A  5A"));
 }
 
 // A parameter file from its value lines, each preceded by a comment line.

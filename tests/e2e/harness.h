@@ -20,6 +20,8 @@ struct Running {
     int outFd = -1;
 };
 
+std::vector<std::string> lines(const std::string &text);
+
 class FarmTest : public ::testing::Test {
   protected:
     void SetUp() override;
@@ -54,6 +56,7 @@ class FarmTest : public ::testing::Test {
     std::string readFile(const std::string &name) const; // relative to workDir
     void writeFile(const std::string &name, const std::string &content) const;
     std::string traceLog() const { return readFile("kelpth.log"); }
+    std::vector<std::string> journal() { return lines(kelsim({"journal"}).out); } // the sim's, a row a call
     // SQLite's own check of a state database (the farm's by default) must say ok. sqlite3
     // is one of the build's dependencies: a missing one fails the test, never skips it.
     void expectSoundDatabase(const std::string &folder = "");
@@ -70,7 +73,6 @@ int patternRows(const std::string &dump);
 
 // A parameter file from its value lines, each preceded by a comment line.
 std::string paramFile(const std::vector<std::string> &values);
-std::vector<std::string> lines(const std::string &text);
 // Of a journal line: from the function name to the end of the CDB; one field's value.
 std::string journalCall(const std::string &line);
 std::string journalField(const std::string &line, const std::string &field);

@@ -25,7 +25,6 @@ class PassThrough : public FarmTest {
         writeFile("param.txt", content);
         return kelpth({command, "param.txt"});
     }
-    std::vector<std::string> journal() { return lines(kelsim({"journal"}).out); }
     std::string header() { return "Parameter Filename :" + workDir + "/param.txt\n"; }
 };
 

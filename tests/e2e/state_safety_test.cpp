@@ -26,14 +26,7 @@ class StateSafety : public FarmTest {
         return stat((stateDir + "/" + name).c_str(), &info) == 0 ? info.st_size : -1;
     }
 
-    size_t journalLength() {
-        std::istringstream in(kelsim({"journal"}).out);
-        size_t count = 0;
-        for (std::string line; std::getline(in, line);) {
-            count++;
-        }
-        return count;
-    }
+    size_t journalLength() { return journal().size(); }
 };
 
 TEST_F(StateSafety, RunsAtTheSameTimeAllLand) {
