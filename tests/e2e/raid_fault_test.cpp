@@ -34,37 +34,31 @@ class RaidFaults : public FarmTest {
     std::string journalText() { return kelsim({"journal"}).out; }
 };
 
-TEST_F(RaidFaults, MirrorGivesTheOtherCopyAndRepairsTheBadOne) {
-    writeVolume("0", "0x40");
-    makeBad("E", "0", "0x40");
-    EXPECT_TRUE(endsWith(readDrive("0", "0x40").out, kMediumError));
-    EXPECT_TRUE(showsPattern(readVolume("0", "0x40")));
-    EXPECT_NE(journalText().find("RaidRepair ld=0 lba=64 ctl=0 pd=0"), std::string::npos) << journalText();
-    EXPECT_TRUE(showsPattern(readDrive("0", "0x40"))) << "the member reads well again";
+// A mirror gives the other copy, parity rebuilds the block; either writes it back to the
+// bad member. Two bad blocks in the row leave nothing to give. Volume block 0x40 is on
+// both mirrors of RAID 1 at 0x40, and in strip 0, row 0 of RAID 5: data on slot 2,
+// parity on slot 6 (528-byte long blocks).
+TEST_F(RaidFaults, RedundancyRepairsOneBadBlockButNotTwoInARow) {
+    struct Case {
+        const char *ld, *bad, *other;
+    };
+    for (const Case &c : {Case{"0", "0", "1"}, Case{"1", "2", "6"}}) {
+        writeVolume(c.ld, "0x40");
+        makeBad("E", c.bad, "0x40");
+        EXPECT_TRUE(endsWith(readDrive(c.bad, "0x40").out, kMediumError));
+        EXPECT_TRUE(showsPattern(readVolume(c.ld, "0x40"))) << "ld " << c.ld;
+        EXPECT_NE(journalText().find(std::string("RaidRepair ld=") + c.ld + " lba=64 ctl=0 pd=" + c.bad),
+                  std::string::npos)
+            << journalText();
+        EXPECT_TRUE(showsPattern(readDrive(c.bad, "0x40"))) << "the member reads well again";
 
-    // Both copies bad: nothing to give.
-    makeBad("E", "0", "0x40");
-    makeBad("E", "1", "0x40");
-    RunResult read = readVolume("0", "0x40");
-    EXPECT_EQ(read.exitStatus, 1);
-    EXPECT_TRUE(endsWith(read.out, kMediumError)) << read.out;
-    writeVolume("0", "0x40"); // the write replaces both, so the volume checks clean again
-}
-
-TEST_F(RaidFaults, ParityRebuildsOneBadBlockButNotTwoInARow) {
-    // Volume block 0x40 is in strip 0, row 0: data on slot 2, parity on slot 6.
-    writeVolume("1", "0x40");
-    makeBad("E", "2", "0x40");
-    EXPECT_TRUE(showsPattern(readVolume("1", "0x40")));
-    EXPECT_TRUE(showsPattern(readDrive("2", "0x40"))) << "rebuilt and written back";
-    EXPECT_NE(journalText().find("RaidRepair ld=1 lba=64 ctl=0 pd=2"), std::string::npos);
-
-    makeBad("E", "2", "0x40");
-    makeBad("E", "6", "0x40"); // slot 6 has 528-byte long blocks
-    RunResult read = readVolume("1", "0x40");
-    EXPECT_EQ(read.exitStatus, 1);
-    EXPECT_TRUE(endsWith(read.out, kMediumError)) << read.out;
-    writeVolume("1", "0x40");
+        makeBad("E", c.bad, "0x40");
+        makeBad("E", c.other, "0x40");
+        RunResult read = readVolume(c.ld, "0x40");
+        EXPECT_EQ(read.exitStatus, 1);
+        EXPECT_TRUE(endsWith(read.out, kMediumError)) << read.out;
+        writeVolume(c.ld, "0x40"); // the write replaces both, so the volume checks clean again
+    }
 }
 
 TEST_F(RaidFaults, StripingFailsTheReadOnASataMembersBadBlock) {
