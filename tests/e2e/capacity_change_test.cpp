@@ -40,6 +40,13 @@ class CapacityChange : public FarmTest {
     RunResult readSector(const char *controller, const char *slot, uint64_t lba) {
         return kelpth({"PDOneSectorRead", controller, slot, hex(lba)});
     }
+    // Block last of the drive in slot reads; the next one is past its end.
+    void expectLastBlock(const char *slot, uint64_t last) {
+        EXPECT_EQ(readSector("0", slot, last).exitStatus, 0) << hex(last);
+        RunResult past = readSector("0", slot, last + 1);
+        EXPECT_EQ(past.exitStatus, 1);
+        EXPECT_TRUE(endsWith(past.out, kLbaOutOfRange)) << past.out;
+    }
 };
 
 TEST_F(CapacityChange, SasShrinkIsSeenByTheNextRunAndGrowsBackToNative) {
@@ -54,16 +61,12 @@ TEST_F(CapacityChange, SasShrinkIsSeenByTheNextRunAndGrowsBackToNative) {
                                        "len=12 status=0 sense=-\n");
 
     // The block descriptor held 00 10 00 00: block 0xFFFFF is the last one.
-    EXPECT_EQ(readSector("0", "0", 0xFFFFF).exitStatus, 0);
-    RunResult past = readSector("0", "0", 0x100000);
-    EXPECT_EQ(past.exitStatus, 1);
-    EXPECT_TRUE(endsWith(past.out, kLbaOutOfRange)) << past.out;
+    expectLastBlock("0", 0xFFFFF);
 
     RunResult grow = kelpth({"PDHDDCapaChange", "0", "0", hex(native)});
     EXPECT_EQ(grow.exitStatus, 0) << grow.out;
     EXPECT_EQ(readSector("0", "0", 0x100000).exitStatus, 0);
-    EXPECT_EQ(readSector("0", "0", native - 1).exitStatus, 0);
-    EXPECT_EQ(readSector("0", "0", native).exitStatus, 1);
+    expectLastBlock("0", native - 1);
     // Another drive kept its own capacity throughout.
     EXPECT_EQ(readSector("0", "1", 0x100000).exitStatus, 0);
 }
@@ -112,16 +115,12 @@ TEST_F(CapacityChange, SataShrinkIsSeenByTheNextRunAndGrowsBackToNative) {
               "len=0 status=0 sense=-\n");
 
     // SET MAX takes the highest address: 0x200000 itself is still there.
-    EXPECT_EQ(readSector("0", "4", 0x200000).exitStatus, 0);
-    RunResult past = readSector("0", "4", 0x200001);
-    EXPECT_EQ(past.exitStatus, 1);
-    EXPECT_TRUE(endsWith(past.out, kLbaOutOfRange)) << past.out;
+    expectLastBlock("4", 0x200000);
 
     RunResult grow = kelpth({"PDHDDCapaChange", "0", "4", hex(native - 1)});
     EXPECT_EQ(grow.exitStatus, 0) << grow.out;
     EXPECT_EQ(readSector("0", "4", 0x200001).exitStatus, 0);
-    EXPECT_EQ(readSector("0", "4", native - 1).exitStatus, 0);
-    EXPECT_EQ(readSector("0", "4", native).exitStatus, 1);
+    expectLastBlock("4", native - 1);
 
     std::string log = traceLog();
     size_t sasEntry = log.find("CALL - KelPDHDDCapaChange()");
