@@ -54,18 +54,12 @@ TEST(SenseConversion, AtaStatusReturnDescriptorFillsTheRegisterFields) {
 }
 
 TEST(SenseConversion, FixedSenseOfBothLibataLayoutsReadsTheSame) {
-    std::vector<uint8_t> standard(24, 0);
-    standard[0] = 0x70;
-    standard[2] = 0x0B;
-    standard[7] = 10;
-    standard[3] = 0x04, standard[4] = 0x51, standard[5] = 0x40, standard[6] = 0x01;
-    standard[8] = 0x80, standard[9] = 0x44, standard[10] = 0x33, standard[11] = 0x22;
-    std::vector<uint8_t> shifted(24, 0); // the registers eight bytes further on
-    shifted[0] = 0x70;
-    shifted[2] = 0x0B;
-    shifted[7] = 10;
-    shifted[8] = 0x04, shifted[9] = 0x51, shifted[10] = 0x40, shifted[11] = 0x01;
-    shifted[16] = 0x80, shifted[17] = 0x44, shifted[18] = 0x33, shifted[19] = 0x22;
+    std::vector<uint8_t> standard = {0x70, 0, 0x0B, 0x04, 0x51, 0x40, 0x01, 10, 0x80, 0x44, 0x33, 0x22};
+    standard.resize(24);
+    // The registers eight bytes further on.
+    std::vector<uint8_t> shifted = {0x70, 0,    0x0B, 0, 0, 0, 0,    10,   0x04, 0x51,
+                                    0x40, 0x01, 0,    0, 0, 0, 0x80, 0x44, 0x33, 0x22};
+    shifted.resize(24);
     EXPECT_EQ(toFixedSense(shifted.data(), shifted.size(), true), toFixedSense(standard.data(), 18, true));
     // A command other than ATA PASS-THROUGH keeps its sense as it came.
     FixedSense plain = toFixedSense(shifted.data(), shifted.size(), false);
