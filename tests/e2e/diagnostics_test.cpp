@@ -250,20 +250,11 @@ class FirmwareDownload : public FarmTest {
     }
     // The revision INQUIRY gives through ANY ("12 00 00 00 24 00" to a SAS drive).
     std::string inquiryRevision(const std::string &controller, const std::string &slot) {
-        writeFile("inquiry.txt", "// Controller No\n" + controller + "\n// Drive No\n" + slot +
-                                     "\n// CDB\n120000002400\n// Direction\n0\n// Data Length\n0x24\n");
+        writeFile("inquiry.txt", paramFile({controller, slot, "120000002400", "0", "0x24"}));
         RunResult run = kelpth({"ANY", "inquiry.txt"});
         EXPECT_EQ(run.exitStatus, 0) << run.out;
-        // Row 00000020 of the dump starts with the four revision bytes.
-        const size_t row = run.out.find("00000020: ");
-        if (row == std::string::npos) {
-            return "";
-        }
-        std::string revision;
-        for (int i = 0; i < 4; ++i) {
-            revision += static_cast<char>(std::stoi(run.out.substr(row + 10 + 3 * i, 2), nullptr, 16));
-        }
-        return revision;
+        const Bytes inquiry = resultBytes(run.out);
+        return inquiry.size() < 36 ? "" : std::string(inquiry.begin() + 32, inquiry.begin() + 36);
     }
     std::string showLine(const std::string &product) {
         const std::string show = kelsim({"show"}).out;

@@ -242,3 +242,24 @@ std::vector<int> FarmTest::kelpthAtOnce(int threads, int runsEach,
     }
     return failures;
 }
+
+std::vector<uint8_t> resultBytes(const std::string &screen) {
+    std::vector<uint8_t> bytes;
+    size_t at = screen.find("[Command Result]");
+    if (at == std::string::npos) {
+        return bytes;
+    }
+    at = screen.find('\n', screen.find('\n', at) + 1) + 1; // past the header and the rule
+    while (at + 10 < screen.size() && screen[at + 8] == ':') {
+        const size_t end = screen.find('\n', at);
+        for (int column = 0; column < 16; ++column) {
+            const size_t field = at + 10 + 3 * column + (column >= 8 ? 1 : 0);
+            if (field + 2 > end || screen[field] == ' ') {
+                break;
+            }
+            bytes.push_back(static_cast<uint8_t>(std::stoi(screen.substr(field, 2), nullptr, 16)));
+        }
+        at = end + 1;
+    }
+    return bytes;
+}

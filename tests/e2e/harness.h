@@ -95,6 +95,9 @@ inline bool endsWith(const std::string &text, const std::string &tail) {
     return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 size_t countOf(const std::string &text, const std::string &part);
+// The bytes of the "Command Result" dump on the screen.
+using Bytes = std::vector<uint8_t>;
+Bytes resultBytes(const std::string &screen);
 // A read's dump of rows rows that all hold one byte (hexByte, shown as shown): title, rule, rows.
 std::string filledDump(const std::string &title, const std::string &hexByte, char shown, unsigned rows);
 inline std::string sectorOf(const std::string &hexByte, char shown) {
