@@ -123,9 +123,7 @@ TEST_F(FaultInjection, SataInjectionSendsTheStructureAndShowsItSwapped) {
     EXPECT_NE(set.out.find("[Data structure for set error injection mode command.(1 Sector)] Size=512\n"),
               std::string::npos);
     EXPECT_NE(set.out.find("00000000: 00 01 02 13 00 10 00 10  00 03 F4 00 00 01 00 08"), std::string::npos) << set.out;
-    const std::vector<std::string> calls = journal();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(journalField(calls[0], "len"), "512");
+    EXPECT_EQ(journalField(onlyCall(), "len"), "512");
 }
 
 // The example pages of N and N5 fail reads and writes of blocks 0x12000..0x12007 with

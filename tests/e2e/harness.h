@@ -57,6 +57,12 @@ class FarmTest : public ::testing::Test {
     void writeFile(const std::string &name, const std::string &content) const;
     std::string traceLog() const { return readFile("kelpth.log"); }
     std::vector<std::string> journal() { return lines(kelsim({"journal"}).out); } // the sim's, a row a call
+    // The journal's one row; a failure, and "", when it holds more or none.
+    std::string onlyCall() {
+        const std::vector<std::string> rows = journal();
+        EXPECT_EQ(rows.size(), 1u) << kelsim({"journal"}).out;
+        return rows.size() == 1 ? rows[0] : "";
+    }
     // SQLite's own check of a state database (the farm's by default) must say ok. sqlite3
     // is one of the build's dependencies: a missing one fails the test, never skips it.
     void expectSoundDatabase(const std::string &folder = "");
