@@ -66,37 +66,24 @@ struct Call {
     }
 };
 
+std::vector<uint8_t> read10(uint32_t lba) {
+    std::vector<uint8_t> cdb = {0x28, 0, 0, 0, 0, 0, 0, 0, 1, 0};
+    for (int i = 0; i < 4; i++) {
+        cdb[2 + i] = static_cast<uint8_t>(lba >> (24 - 8 * i));
+    }
+    return cdb;
+}
 std::vector<uint8_t> wrappedRead10(uint8_t drive, uint32_t lba) {
-    return {0xBB,
-            drive,
-            0x28,
-            0,
-            static_cast<uint8_t>(lba >> 24),
-            static_cast<uint8_t>(lba >> 16),
-            static_cast<uint8_t>(lba >> 8),
-            static_cast<uint8_t>(lba),
-            0,
-            0,
-            1,
-            0};
+    std::vector<uint8_t> cdb = {0xBB, drive};
+    std::vector<uint8_t> inner = read10(lba);
+    cdb.insert(cdb.end(), inner.begin(), inner.end());
+    return cdb;
 }
 std::vector<uint8_t> wrappedWrite10(uint8_t drive, uint32_t lba) {
     std::vector<uint8_t> cdb = wrappedRead10(drive, lba);
     cdb[0] = 0xBA;
     cdb[2] = 0x2A;
     return cdb;
-}
-std::vector<uint8_t> read10(uint32_t lba) {
-    return {0x28,
-            0,
-            static_cast<uint8_t>(lba >> 24),
-            static_cast<uint8_t>(lba >> 16),
-            static_cast<uint8_t>(lba >> 8),
-            static_cast<uint8_t>(lba),
-            0,
-            0,
-            1,
-            0};
 }
 
 using PassThroughChecks = FarmFolder;

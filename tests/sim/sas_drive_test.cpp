@@ -65,18 +65,14 @@ Bytes modeSelect6(const Bytes &list, bool save) {
     return {0x15, uint8_t(save ? 0x11 : 0x10), 0, 0, uint8_t(list.size()), 0};
 }
 Bytes capacityList(uint32_t blocks, uint32_t blockLength = 512) {
-    return {0,
-            0,
-            0,
-            8,
-            uint8_t(blocks >> 24),
-            uint8_t(blocks >> 16),
-            uint8_t(blocks >> 8),
-            uint8_t(blocks),
-            0,
-            uint8_t(blockLength >> 16),
-            uint8_t(blockLength >> 8),
-            uint8_t(blockLength)};
+    Bytes list = {0, 0, 0, 8};
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        list.push_back(uint8_t(blocks >> shift));
+    }
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        list.push_back(uint8_t(blockLength >> shift)); // the top byte is the reserved one
+    }
+    return list;
 }
 
 uint8_t key(const ScsiResult &r) {
@@ -446,7 +442,7 @@ TEST_F(SasDriveTest, LogPagesHaveTheirFamilyLayouts) {
     EXPECT_EQ(data.size(), 212u);
 
     EXPECT_EQ(fieldPointer(in({0x4D, 0, 0x15, 0, 0, 0, 0, 0, 0xFF, 0}, &data)), 2); // not listed
-    in({0x4D, 0, 0x31, 0, 0, 0, 0xAA, 0x01, 0x00, 0}, &data); // from parameter 0xAA on
+    in({0x4D, 0, 0x31, 0, 0, 0, 0xAA, 0x01, 0x00, 0}, &data);                       // from parameter 0xAA on
     EXPECT_EQ(data.size(), 4 + 2 * 80u);
 
     // Default values (page control 3) are a new drive's: an error raised since does not show.
