@@ -340,26 +340,20 @@ bool sumsToZero(const Bytes &sector) {
 TEST(SmartProbeTest, SmartctlReadsDataThresholdsStatusAndErrorLog) {
     Exported disk(Kind::Sata);
     ScsiTarget &drive = *disk.target;
-    struct Sector {
-        uint8_t command, features, log;
+    auto sector = [&](uint8_t features, uint8_t log) {
+        Reply reply =
+            send(drive, ataPassThrough(0xB0, features, log, true, false), DataDirection::FromDevice, Bytes(kBlockSize));
+        EXPECT_FALSE(reply.result.checkCondition) << std::hex << int(features);
+        EXPECT_TRUE(sumsToZero(reply.data)) << std::hex << int(features);
+        return reply.data;
     };
-    for (const Sector sector : {Sector{0xB0, 0xD0, 0}, Sector{0xB0, 0xD1, 0}, Sector{0xB0, 0xD5, 0x01}}) {
-        Reply reply = send(drive, ataPassThrough(sector.command, sector.features, sector.log, true, false),
-                           DataDirection::FromDevice, Bytes(kBlockSize));
-        ASSERT_FALSE(reply.result.checkCondition) << std::hex << int(sector.features);
-        EXPECT_TRUE(sumsToZero(reply.data)) << std::hex << int(sector.features);
-    }
-    Bytes values =
-        send(drive, ataPassThrough(0xB0, 0xD0, 0, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
-    Bytes thresholds =
-        send(drive, ataPassThrough(0xB0, 0xD1, 0, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
+    Bytes values = sector(0xD0, 0);
+    Bytes thresholds = sector(0xD1, 0);
     for (size_t at = 2; at < 362 && values[at] != 0; at += 12) {
         EXPECT_EQ(thresholds[at], values[at]) << "the same attribute in the same entry";
         EXPECT_GT(values[at + 3], thresholds[at + 1]) << "no attribute at its threshold";
     }
-    Bytes errorLog =
-        send(drive, ataPassThrough(0xB0, 0xD5, 0x01, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
-    EXPECT_EQ(errorLog[0], 0x01); // version
+    EXPECT_EQ(sector(0xD5, 0x01)[0], 0x01); // summary error log version
     Bytes directory =
         send(drive, ataPassThrough(0xB0, 0xD5, 0x00, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
     EXPECT_EQ(directory[2 * 0x01], 1) << "one page of summary error log";
