@@ -29,19 +29,6 @@ struct Array {
     std::unique_ptr<RaidVolume> volume;
 };
 
-std::vector<uint8_t> cdb10(uint8_t opcode, uint32_t lba, uint16_t blocks) {
-    return {opcode,
-            0,
-            static_cast<uint8_t>(lba >> 24),
-            static_cast<uint8_t>(lba >> 16),
-            static_cast<uint8_t>(lba >> 8),
-            static_cast<uint8_t>(lba),
-            0,
-            static_cast<uint8_t>(blocks >> 8),
-            static_cast<uint8_t>(blocks),
-            0};
-}
-
 std::vector<uint8_t> cdb16(uint8_t opcode, uint64_t lba, uint32_t blocks) {
     std::vector<uint8_t> cdb(16);
     cdb[0] = opcode;
@@ -52,6 +39,12 @@ std::vector<uint8_t> cdb16(uint8_t opcode, uint64_t lba, uint32_t blocks) {
         cdb[10 + i] = static_cast<uint8_t>(blocks >> (24 - 8 * i));
     }
     return cdb;
+}
+
+// The 10-byte form: the low four LBA bytes and the low two length bytes of the 16-byte one.
+std::vector<uint8_t> cdb10(uint8_t opcode, uint32_t lba, uint16_t blocks) {
+    const std::vector<uint8_t> wide = cdb16(opcode, lba, blocks);
+    return {opcode, 0, wide[6], wide[7], wide[8], wide[9], 0, wide[12], wide[13], 0};
 }
 
 ScsiResult run(RaidVolume &volume, const std::vector<uint8_t> &cdb, DataDirection direction,

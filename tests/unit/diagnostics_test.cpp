@@ -8,6 +8,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -49,18 +51,9 @@ class TempFolder : public ::testing::Test {
 
     std::string path(const char *name) const { return folder_.path() + "/" + name; }
     static std::string read(const std::string &file) {
-        std::string text;
-        FILE *in = fopen(file.c_str(), "rb");
-        if (in == nullptr) {
-            return text;
-        }
-        char chunk[4096];
-        size_t got = 0;
-        while ((got = fread(chunk, 1, sizeof chunk, in)) > 0) {
-            text.append(chunk, got);
-        }
-        fclose(in);
-        return text;
+        std::stringstream text;
+        text << std::ifstream(file, std::ios::binary).rdbuf();
+        return text.str();
     }
 
     ScratchFolder folder_{"kelpth-diag"};
