@@ -1,6 +1,6 @@
 // The farm's platform: the pass-through library's checks and routing, the state store
 // (sparse blocks, persistence, faults, journal), the controller library, farm.conf and
-// the trace log's bound. Every test has a state folder of its own.
+// the trace log's bound, shared by two writers. Every test has a state folder of its own.
 #include "controller_library.h"
 #include "faults.h"
 #include "journal.h"
@@ -431,21 +431,28 @@ TEST(TraceLog, EntriesCarryModuleLineAndData) {
         << withData;
 }
 
-TEST(TraceLog, FileStaysWithinItsBoundKeepingTheNewestEntries) {
+// Two runs at once keep the file open: when one replaces it to keep it within its bound,
+// the other's next entries go to the new file, not to the old one.
+TEST(TraceLog, FileStaysWithinItsBoundKeepingTheNewestEntriesOfEveryWriter) {
     ScratchFolder folder("kelsim-trace");
     ASSERT_FALSE(folder.path().empty());
     std::string path = folder.path() + "/kelpth.log";
-    TraceLogWriter writer;
+    TraceLogWriter writer, other;
     ASSERT_TRUE(writer.open(path.c_str(), 4000));
+    ASSERT_TRUE(other.open(path.c_str(), 4000));
     for (int i = 0; i < 300; i++) {
-        std::string text = "entry number " + std::to_string(i);
-        ASSERT_TRUE(writer.append(nullptr, 0, text.c_str(), nullptr, 0));
+        for (TraceLogWriter *each : {&writer, &other}) {
+            std::string text = (each == &writer ? "entry number " : "other number ") + std::to_string(i);
+            ASSERT_TRUE(each->append(nullptr, 0, text.c_str(), nullptr, 0)) << text;
+        }
         ASSERT_LE(std::filesystem::file_size(path), 4000u) << i;
     }
     std::stringstream content;
     content << std::ifstream(path).rdbuf();
     std::string log = content.str();
-    EXPECT_NE(log.find("entry number 299\n"), std::string::npos);
+    EXPECT_NE(log.find("] entry number 299\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("] other number 299\n"), std::string::npos) << log;
+    EXPECT_LT(log.find("] entry number 299\n"), log.find("] other number 299\n"));
     EXPECT_EQ(log.find("entry number 10\n"), std::string::npos);
     EXPECT_GT(log.size(), 1900u) << "about half the bound is kept";
     EXPECT_EQ(nextEntryStart(log, 0), 0u);
