@@ -25,6 +25,18 @@ class FarmFolder : public ::testing::Test {
         stateDir = root + "/state/nested";
     }
 
+    // Faults scripted as "kelsim fault" does, in a connection of its own.
+    void scriptFaults(const std::vector<std::pair<ScriptedFault, int>> &faults) {
+        std::string error;
+        ASSERT_TRUE(makeDirectories(stateDir, &error)) << error;
+        StateStore script(stateDir);
+        StoreTransaction transaction(script, true);
+        for (const auto &fault : faults) {
+            script.addFault(fault.first, fault.second);
+        }
+        ASSERT_TRUE(transaction.commit());
+    }
+
     std::vector<std::string> journalLines() {
         StateStore store(stateDir);
         std::vector<std::string> lines;
@@ -256,13 +268,7 @@ TEST_F(StateStoreTest, FaultsAreUsedUpInOrderAndAcrossProcesses) {
         {"pass-status", "4", "--detail-hex", "70 00 04 00 00 00 00 0A 00 00 00 00 44 00", "--count", "2"}, &fault,
         &count, &error))
         << error;
-    ASSERT_TRUE(makeDirectories(stateDir, &error));
-    {
-        StateStore script(stateDir); // as "kelsim fault" does, in its own connection
-        StoreTransaction transaction(script, true);
-        script.addFault(fault, count);
-        ASSERT_TRUE(transaction.commit());
-    }
+    scriptFaults({{fault, count}});
     EXPECT_TRUE(farm.store().faultsMayBePending());
     for (int i = 0; i < 2; i++) {
         Call call(0, 0, 1, wrappedRead10(0, 0));
@@ -340,16 +346,7 @@ TEST_F(ControllerLibraryTest, StatusAndDriveInformationFollowTheTopology) {
 }
 
 TEST_F(ControllerLibraryTest, ScriptedFaultsHitOnlyTheirOwnCall) {
-    std::string error;
-    ASSERT_TRUE(makeDirectories(stateDir, &error));
-    {
-        StateStore script(stateDir);
-        StoreTransaction transaction(script, true);
-        script.addFault({"init-fail", 0x1234, {}}, 1);
-        script.addFault({"continfo-fail", 0x20000, {}}, 1);
-        script.addFault({"no-controller", 0, {}}, 1);
-        ASSERT_TRUE(transaction.commit());
-    }
+    scriptFaults({{{"init-fail", 0x1234, {}}, 1}, {{"continfo-fail", 0x20000, {}}, 1}, {{"no-controller", 0, {}}, 1}});
     Farm farm(stateDir);
     ControllerLibrary library(farm);
     EXPECT_EQ(library.initContData(0), 0);
