@@ -21,14 +21,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-uint64_t be(const Bytes &data, size_t offset, int width) {
-    uint64_t value = 0;
-    for (int i = 0; i < width; ++i) {
-        value = value << 8 | data.at(offset + i);
-    }
-    return value;
-}
-
 struct Reply {
     ScsiResult result;
     Bytes data;

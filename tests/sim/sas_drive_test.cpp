@@ -87,13 +87,6 @@ uint16_t fieldPointer(const ScsiResult &r) {
 uint32_t information(const ScsiResult &r) {
     return uint32_t(r.sense[3]) << 24 | r.sense[4] << 16 | r.sense[5] << 8 | r.sense[6];
 }
-uint64_t be(const Bytes &data, size_t offset, int width) {
-    uint64_t value = 0;
-    for (int i = 0; i < width; ++i) {
-        value = value << 8 | data.at(offset + i);
-    }
-    return value;
-}
 std::string text(const Bytes &data, size_t offset, size_t size) {
     return std::string(data.begin() + offset, data.begin() + offset + size);
 }

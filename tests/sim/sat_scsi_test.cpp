@@ -16,14 +16,6 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 constexpr uint64_t kBlocks = 34359738368ull; // 16 TiB: more than READ CAPACITY(10) can say
 
-uint64_t be(const Bytes &data, size_t offset, int width) {
-    uint64_t value = 0;
-    for (int i = 0; i < width; ++i) {
-        value = value << 8 | data.at(offset + i);
-    }
-    return value;
-}
-
 class SatScsiTest : public ::testing::Test {
   protected:
     SatScsiTest() {
