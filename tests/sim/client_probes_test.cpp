@@ -30,13 +30,8 @@ struct Reply {
 
 Reply send(ScsiTarget &target, const Bytes &cdb, DataDirection direction = DataDirection::FromDevice,
            Bytes data = Bytes(4096, 0xEE)) {
-    ScsiCommand command;
-    command.cdb = cdb.data();
-    command.cdbLength = cdb.size();
-    command.direction = direction;
-    command.data = direction == DataDirection::None ? nullptr : data.data();
-    command.dataLength = direction == DataDirection::None ? 0 : static_cast<uint32_t>(data.size());
-    Reply reply{target.execute(command), {}};
+    const bool none = direction == DataDirection::None;
+    Reply reply{execute(target, cdb, direction, none ? nullptr : data.data(), none ? 0 : data.size()), {}};
     if (direction == DataDirection::FromDevice) {
         data.resize(reply.result.transferred);
         reply.data = data;

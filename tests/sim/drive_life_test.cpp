@@ -34,13 +34,7 @@ class DriveLifeTest : public ::testing::Test {
         drive = makeSasDrive(identity, medium, settings);
     }
     ScsiResult send(Bytes cdb, DataDirection direction, Bytes *data) {
-        ScsiCommand command;
-        command.cdb = cdb.data();
-        command.cdbLength = cdb.size();
-        command.direction = direction;
-        command.data = data->data();
-        command.dataLength = static_cast<uint32_t>(data->size());
-        ScsiResult result = drive->execute(command);
+        ScsiResult result = execute(*drive, cdb, direction, data->data(), data->size());
         if (direction == DataDirection::FromDevice) {
             data->resize(result.transferred);
         }

@@ -49,13 +49,7 @@ std::vector<uint8_t> cdb10(uint8_t opcode, uint32_t lba, uint16_t blocks) {
 
 ScsiResult run(RaidVolume &volume, const std::vector<uint8_t> &cdb, DataDirection direction,
                std::vector<uint8_t> *data) {
-    ScsiCommand command;
-    command.cdb = cdb.data();
-    command.cdbLength = cdb.size();
-    command.direction = direction;
-    command.data = data->empty() ? nullptr : data->data();
-    command.dataLength = static_cast<uint32_t>(data->size());
-    return volume.execute(command);
+    return execute(volume, cdb, direction, data->empty() ? nullptr : data->data(), data->size());
 }
 
 // Writes blocks [lba, lba+count) each filled with its own tag byte, tag = first + i.

@@ -37,13 +37,7 @@ class SasDriveTest : public ::testing::Test {
     }
     ScsiResult none(const Bytes &cdb) { return send(cdb, DataDirection::None, nullptr, 0); }
     ScsiResult send(const Bytes &cdb, DataDirection direction, uint8_t *data, size_t size) {
-        ScsiCommand command;
-        command.cdb = cdb.data();
-        command.cdbLength = cdb.size();
-        command.direction = direction;
-        command.data = data;
-        command.dataLength = static_cast<uint32_t>(size);
-        return drive->execute(command);
+        return execute(*drive, cdb, direction, data, size);
     }
 
     DriveIdentity identity;

@@ -23,13 +23,7 @@ class SatScsiTest : public ::testing::Test {
         drive = makeSataDrive(identity, medium, settings);
     }
     ScsiResult send(const Bytes &cdb, DataDirection direction, Bytes *data) {
-        ScsiCommand command;
-        command.cdb = cdb.data();
-        command.cdbLength = cdb.size();
-        command.direction = direction;
-        command.data = data != nullptr ? data->data() : nullptr;
-        command.dataLength = data != nullptr ? static_cast<uint32_t>(data->size()) : 0;
-        ScsiResult result = drive->execute(command);
+        ScsiResult result = execute(*drive, cdb, direction, data ? data->data() : nullptr, data ? data->size() : 0);
         if (data != nullptr && direction == DataDirection::FromDevice) {
             data->resize(result.transferred);
         }

@@ -80,14 +80,7 @@ class SataDriveTest : public ::testing::Test {
     void powerCycle() { drive = makeSataDrive(identity, medium, settings); }
 
     ScsiResult run(const std::vector<uint8_t> &cdb, DataDirection direction, std::vector<uint8_t> *data = nullptr) {
-        ScsiCommand command;
-        command.cdb = cdb.data();
-        command.cdbLength = cdb.size();
-        command.direction = direction;
-        command.data = data ? data->data() : nullptr;
-        command.dataLength = data ? static_cast<uint32_t>(data->size()) : 0;
-        command.blockTransferUnit = true;
-        return drive->execute(command);
+        return execute(*drive, cdb, direction, data ? data->data() : nullptr, data ? data->size() : 0, true);
     }
     ScsiResult nonData(Ata ata) { return run(cdb16(ata), DataDirection::None); }
     ScsiResult readIn(Ata ata, std::vector<uint8_t> *data) {
