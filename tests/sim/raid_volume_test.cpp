@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <map>
 #include <set>
 #include <vector>
@@ -150,20 +152,12 @@ TEST(RaidLayout, Raid5ParityIsTheXorOfItsRowAfterOverlappingWrites) {
     writeTagged(*array.volume, 47, 3, 0xF0);
     writeTagged(*array.volume, 190, 30, 0x11);
     for (uint64_t lba = 0; lba < 20 * 16; lba++) {
-        uint8_t x = 0;
-        std::vector<uint8_t> block(kBlockSize);
-        std::vector<uint8_t> sum(kBlockSize, 0);
+        std::vector<uint8_t> block(kBlockSize), sum(kBlockSize, 0);
         for (auto &disk : array.disks) {
-            MemoryMedium &medium = disk.medium;
-            medium.read(lba, 1, block.data());
-            for (size_t i = 0; i < kBlockSize; i++) {
-                sum[i] ^= block[i];
-            }
+            disk.medium.read(lba, 1, block.data());
+            std::transform(sum.begin(), sum.end(), block.begin(), sum.begin(), std::bit_xor<uint8_t>());
         }
-        for (uint8_t byte : sum) {
-            x |= byte;
-        }
-        ASSERT_EQ(x, 0) << "member row block " << lba;
+        ASSERT_EQ(sum, std::vector<uint8_t>(kBlockSize, 0)) << "member row block " << lba;
     }
     std::vector<uint8_t> back = readBack(*array.volume, 45, 6);
     EXPECT_EQ(back[0], 0x80 + 35);
@@ -267,7 +261,7 @@ TEST(RaidState, CheckFindsMirrorAndParityMismatches) {
     EXPECT_EQ(found[0].memberLba, 2u);
 }
 
-TEST(RaidCommands, RangeAndOpcodeRefusals) {
+TEST(RaidCommands, RangeAndBufferRefusals) {
     Array array(RaidLevel::Raid1, 2, 1024);
     ScsiResult result;
     readBack(*array.volume, 1023, 2, &result);
@@ -276,10 +270,6 @@ TEST(RaidCommands, RangeAndOpcodeRefusals) {
     EXPECT_EQ(result.sense[12], sense::kAscLbaOutOfRange);
     readBack(*array.volume, 1023, 1, &result);
     EXPECT_FALSE(result.checkCondition); // the last block itself is fine
-
-    std::vector<uint8_t> none;
-    result = run(*array.volume, {0x1E, 0, 0, 0, 0x01, 0}, DataDirection::None, &none); // PREVENT MEDIUM REMOVAL
-    EXPECT_EQ(result.sense[12], sense::kAscInvalidOpcode);
 
     // A transfer bigger than the host buffer is refused rather than overrun.
     std::vector<uint8_t> small(kBlockSize);
