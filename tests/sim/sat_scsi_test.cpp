@@ -75,10 +75,6 @@ TEST_F(SatScsiTest, InquiryAndItsPagesComeFromIdentify) {
     EXPECT_EQ(be(data, 2, 2), 0x238u);
     EXPECT_EQ(data[56], 0xEC);
     EXPECT_EQ(Bytes(data.begin() + 60, data.end()), ata) << "the IDENTIFY data, whole";
-
-    ScsiResult refused = send({0x12, 1, 0xB2, 0, 0xFF, 0}, DataDirection::FromDevice, &data); // not listed
-    ASSERT_TRUE(refused.checkCondition);
-    EXPECT_EQ(refused.sense[12], 0x24);
 }
 
 TEST_F(SatScsiTest, CapacityIsTheUserAddressSpace) {

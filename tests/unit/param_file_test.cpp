@@ -2,16 +2,17 @@
 // every kind of value line, through the main module's checks and the SATA readers.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "kelpth/param_file.h"
 #include "kelpth/sata_line_readers.h"
 #include "stdout_capture.h"
+#include "support/scratch_folder.h"
 
 namespace {
 
@@ -21,25 +22,14 @@ std::string illegal(const std::string &label) {
     return "KEL0022-E Ileagal Parameter. detail=" + label + "\n" + kAbnormalEnd;
 }
 
-class TempFile {
-  public:
-    explicit TempFile(const std::string &content) {
-        char pattern[] = "/tmp/kelpth-param-XXXXXX";
-        const int fd = mkstemp(pattern);
-        path = pattern;
-        EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-        close(fd);
-    }
-    ~TempFile() { unlink(path.c_str()); }
-    std::string path;
-};
-
 // The value lines of a file as the loop hands them over.
 std::vector<std::string> valueLines(const std::string &content, size_t bufferSize, size_t readSize) {
-    TempFile file(content);
+    ScratchFolder folder("kelpth-param");
+    const std::string path = folder.path() + "/param.txt";
+    std::ofstream(path, std::ios::binary) << content;
     ParamFile reader(bufferSize, readSize);
     std::vector<std::string> lines;
-    EXPECT_EQ(reader.open("KelPthCmd", 1, file.path.c_str()), 1);
+    EXPECT_EQ(reader.open("KelPthCmd", 1, path.c_str()), 1);
     while (char *line = reader.nextValueLine()) {
         lines.push_back(line);
         EXPECT_EQ(reader.valueLineCount(), static_cast<int>(lines.size()));
