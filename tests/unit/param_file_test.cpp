@@ -2,7 +2,6 @@
 // every kind of value line, through the main module's checks and the SATA readers.
 #include <gtest/gtest.h>
 
-
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
