@@ -21,14 +21,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-uint64_t be(const Bytes &data, size_t offset, int width) {
-    uint64_t value = 0;
-    for (int i = 0; i < width; ++i) {
-        value = value << 8 | data.at(offset + i);
-    }
-    return value;
-}
-
 struct Reply {
     ScsiResult result;
     Bytes data;
@@ -38,13 +30,8 @@ struct Reply {
 
 Reply send(ScsiTarget &target, const Bytes &cdb, DataDirection direction = DataDirection::FromDevice,
            Bytes data = Bytes(4096, 0xEE)) {
-    ScsiCommand command;
-    command.cdb = cdb.data();
-    command.cdbLength = cdb.size();
-    command.direction = direction;
-    command.data = direction == DataDirection::None ? nullptr : data.data();
-    command.dataLength = direction == DataDirection::None ? 0 : static_cast<uint32_t>(data.size());
-    Reply reply{target.execute(command), {}};
+    const bool none = direction == DataDirection::None;
+    Reply reply{execute(target, cdb, direction, none ? nullptr : data.data(), none ? 0 : data.size()), {}};
     if (direction == DataDirection::FromDevice) {
         data.resize(reply.result.transferred);
         reply.data = data;
@@ -340,26 +327,20 @@ bool sumsToZero(const Bytes &sector) {
 TEST(SmartProbeTest, SmartctlReadsDataThresholdsStatusAndErrorLog) {
     Exported disk(Kind::Sata);
     ScsiTarget &drive = *disk.target;
-    struct Sector {
-        uint8_t command, features, log;
+    auto sector = [&](uint8_t features, uint8_t log) {
+        Reply reply =
+            send(drive, ataPassThrough(0xB0, features, log, true, false), DataDirection::FromDevice, Bytes(kBlockSize));
+        EXPECT_FALSE(reply.result.checkCondition) << std::hex << int(features);
+        EXPECT_TRUE(sumsToZero(reply.data)) << std::hex << int(features);
+        return reply.data;
     };
-    for (const Sector sector : {Sector{0xB0, 0xD0, 0}, Sector{0xB0, 0xD1, 0}, Sector{0xB0, 0xD5, 0x01}}) {
-        Reply reply = send(drive, ataPassThrough(sector.command, sector.features, sector.log, true, false),
-                           DataDirection::FromDevice, Bytes(kBlockSize));
-        ASSERT_FALSE(reply.result.checkCondition) << std::hex << int(sector.features);
-        EXPECT_TRUE(sumsToZero(reply.data)) << std::hex << int(sector.features);
-    }
-    Bytes values =
-        send(drive, ataPassThrough(0xB0, 0xD0, 0, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
-    Bytes thresholds =
-        send(drive, ataPassThrough(0xB0, 0xD1, 0, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
+    Bytes values = sector(0xD0, 0);
+    Bytes thresholds = sector(0xD1, 0);
     for (size_t at = 2; at < 362 && values[at] != 0; at += 12) {
         EXPECT_EQ(thresholds[at], values[at]) << "the same attribute in the same entry";
         EXPECT_GT(values[at + 3], thresholds[at + 1]) << "no attribute at its threshold";
     }
-    Bytes errorLog =
-        send(drive, ataPassThrough(0xB0, 0xD5, 0x01, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
-    EXPECT_EQ(errorLog[0], 0x01); // version
+    EXPECT_EQ(sector(0xD5, 0x01)[0], 0x01); // summary error log version
     Bytes directory =
         send(drive, ataPassThrough(0xB0, 0xD5, 0x00, true, false), DataDirection::FromDevice, Bytes(kBlockSize)).data;
     EXPECT_EQ(directory[2 * 0x01], 1) << "one page of summary error log";

@@ -20,14 +20,6 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 constexpr int64_t kBirth = 1700000000;
 
-uint64_t be(const Bytes &data, size_t offset, int width) {
-    uint64_t value = 0;
-    for (int i = 0; i < width; ++i) {
-        value = value << 8 | data.at(offset + i);
-    }
-    return value;
-}
-
 class DriveLifeTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -42,30 +34,20 @@ class DriveLifeTest : public ::testing::Test {
         drive = makeSasDrive(identity, medium, settings);
     }
     ScsiResult send(Bytes cdb, DataDirection direction, Bytes *data) {
-        ScsiCommand command;
-        command.cdb = cdb.data();
-        command.cdbLength = cdb.size();
-        command.direction = direction;
-        command.data = data->data();
-        command.dataLength = static_cast<uint32_t>(data->size());
-        ScsiResult result = drive->execute(command);
+        ScsiResult result = execute(*drive, cdb, direction, data->data(), data->size());
         if (direction == DataDirection::FromDevice) {
             data->resize(result.transferred);
         }
         return result;
     }
-    ScsiResult write10(uint32_t lba, uint16_t blocks) {
+    ScsiResult readWrite10(uint8_t opcode, uint32_t lba, uint16_t blocks) {
         Bytes data(blocks * 512u, 0x5A);
-        return send({0x2A, 0, uint8_t(lba >> 24), uint8_t(lba >> 16), uint8_t(lba >> 8), uint8_t(lba), 0,
+        return send({opcode, 0, uint8_t(lba >> 24), uint8_t(lba >> 16), uint8_t(lba >> 8), uint8_t(lba), 0,
                      uint8_t(blocks >> 8), uint8_t(blocks), 0},
-                    DataDirection::ToDevice, &data);
+                    opcode == 0x2A ? DataDirection::ToDevice : DataDirection::FromDevice, &data);
     }
-    ScsiResult read10(uint32_t lba, uint16_t blocks) {
-        Bytes data(blocks * 512u);
-        return send({0x28, 0, uint8_t(lba >> 24), uint8_t(lba >> 16), uint8_t(lba >> 8), uint8_t(lba), 0,
-                     uint8_t(blocks >> 8), uint8_t(blocks), 0},
-                    DataDirection::FromDevice, &data);
-    }
+    ScsiResult write10(uint32_t lba, uint16_t blocks) { return readWrite10(0x2A, lba, blocks); }
+    ScsiResult read10(uint32_t lba, uint16_t blocks) { return readWrite10(0x28, lba, blocks); }
     Bytes logPage(uint8_t code) {
         Bytes data(0x4000);
         EXPECT_FALSE(send({0x4D, 0, code, 0, 0, 0, 0, 0x40, 0x00, 0}, DataDirection::FromDevice, &data).checkCondition);

@@ -1,6 +1,6 @@
 // The farm's platform: the pass-through library's checks and routing, the state store
 // (sparse blocks, persistence, faults, journal), the controller library, farm.conf and
-// the trace log's bound. Every test has a state folder of its own.
+// the trace log's bound, shared by two writers. Every test has a state folder of its own.
 #include "controller_library.h"
 #include "faults.h"
 #include "journal.h"
@@ -23,6 +23,18 @@ class FarmFolder : public ::testing::Test {
         ASSERT_FALSE(folder.path().empty());
         root = folder.path();
         stateDir = root + "/state/nested";
+    }
+
+    // Faults scripted as "kelsim fault" does, in a connection of its own.
+    void scriptFaults(const std::vector<std::pair<ScriptedFault, int>> &faults) {
+        std::string error;
+        ASSERT_TRUE(makeDirectories(stateDir, &error)) << error;
+        StateStore script(stateDir);
+        StoreTransaction transaction(script, true);
+        for (const auto &fault : faults) {
+            script.addFault(fault.first, fault.second);
+        }
+        ASSERT_TRUE(transaction.commit());
     }
 
     std::vector<std::string> journalLines() {
@@ -66,37 +78,24 @@ struct Call {
     }
 };
 
+std::vector<uint8_t> read10(uint32_t lba) {
+    std::vector<uint8_t> cdb = {0x28, 0, 0, 0, 0, 0, 0, 0, 1, 0};
+    for (int i = 0; i < 4; i++) {
+        cdb[2 + i] = static_cast<uint8_t>(lba >> (24 - 8 * i));
+    }
+    return cdb;
+}
 std::vector<uint8_t> wrappedRead10(uint8_t drive, uint32_t lba) {
-    return {0xBB,
-            drive,
-            0x28,
-            0,
-            static_cast<uint8_t>(lba >> 24),
-            static_cast<uint8_t>(lba >> 16),
-            static_cast<uint8_t>(lba >> 8),
-            static_cast<uint8_t>(lba),
-            0,
-            0,
-            1,
-            0};
+    std::vector<uint8_t> cdb = {0xBB, drive};
+    std::vector<uint8_t> inner = read10(lba);
+    cdb.insert(cdb.end(), inner.begin(), inner.end());
+    return cdb;
 }
 std::vector<uint8_t> wrappedWrite10(uint8_t drive, uint32_t lba) {
     std::vector<uint8_t> cdb = wrappedRead10(drive, lba);
     cdb[0] = 0xBA;
     cdb[2] = 0x2A;
     return cdb;
-}
-std::vector<uint8_t> read10(uint32_t lba) {
-    return {0x28,
-            0,
-            static_cast<uint8_t>(lba >> 24),
-            static_cast<uint8_t>(lba >> 16),
-            static_cast<uint8_t>(lba >> 8),
-            static_cast<uint8_t>(lba),
-            0,
-            0,
-            1,
-            0};
 }
 
 using PassThroughChecks = FarmFolder;
@@ -269,13 +268,7 @@ TEST_F(StateStoreTest, FaultsAreUsedUpInOrderAndAcrossProcesses) {
         {"pass-status", "4", "--detail-hex", "70 00 04 00 00 00 00 0A 00 00 00 00 44 00", "--count", "2"}, &fault,
         &count, &error))
         << error;
-    ASSERT_TRUE(makeDirectories(stateDir, &error));
-    {
-        StateStore script(stateDir); // as "kelsim fault" does, in its own connection
-        StoreTransaction transaction(script, true);
-        script.addFault(fault, count);
-        ASSERT_TRUE(transaction.commit());
-    }
+    scriptFaults({{fault, count}});
     EXPECT_TRUE(farm.store().faultsMayBePending());
     for (int i = 0; i < 2; i++) {
         Call call(0, 0, 1, wrappedRead10(0, 0));
@@ -353,16 +346,7 @@ TEST_F(ControllerLibraryTest, StatusAndDriveInformationFollowTheTopology) {
 }
 
 TEST_F(ControllerLibraryTest, ScriptedFaultsHitOnlyTheirOwnCall) {
-    std::string error;
-    ASSERT_TRUE(makeDirectories(stateDir, &error));
-    {
-        StateStore script(stateDir);
-        StoreTransaction transaction(script, true);
-        script.addFault({"init-fail", 0x1234, {}}, 1);
-        script.addFault({"continfo-fail", 0x20000, {}}, 1);
-        script.addFault({"no-controller", 0, {}}, 1);
-        ASSERT_TRUE(transaction.commit());
-    }
+    scriptFaults({{{"init-fail", 0x1234, {}}, 1}, {{"continfo-fail", 0x20000, {}}, 1}, {{"no-controller", 0, {}}, 1}});
     Farm farm(stateDir);
     ControllerLibrary library(farm);
     EXPECT_EQ(library.initContData(0), 0);
@@ -444,21 +428,28 @@ TEST(TraceLog, EntriesCarryModuleLineAndData) {
         << withData;
 }
 
-TEST(TraceLog, FileStaysWithinItsBoundKeepingTheNewestEntries) {
+// Two runs at once keep the file open: when one replaces it to keep it within its bound,
+// the other's next entries go to the new file, not to the old one.
+TEST(TraceLog, FileStaysWithinItsBoundKeepingTheNewestEntriesOfEveryWriter) {
     ScratchFolder folder("kelsim-trace");
     ASSERT_FALSE(folder.path().empty());
     std::string path = folder.path() + "/kelpth.log";
-    TraceLogWriter writer;
+    TraceLogWriter writer, other;
     ASSERT_TRUE(writer.open(path.c_str(), 4000));
+    ASSERT_TRUE(other.open(path.c_str(), 4000));
     for (int i = 0; i < 300; i++) {
-        std::string text = "entry number " + std::to_string(i);
-        ASSERT_TRUE(writer.append(nullptr, 0, text.c_str(), nullptr, 0));
+        for (TraceLogWriter *each : {&writer, &other}) {
+            std::string text = (each == &writer ? "entry number " : "other number ") + std::to_string(i);
+            ASSERT_TRUE(each->append(nullptr, 0, text.c_str(), nullptr, 0)) << text;
+        }
         ASSERT_LE(std::filesystem::file_size(path), 4000u) << i;
     }
     std::stringstream content;
     content << std::ifstream(path).rdbuf();
     std::string log = content.str();
-    EXPECT_NE(log.find("entry number 299\n"), std::string::npos);
+    EXPECT_NE(log.find("] entry number 299\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("] other number 299\n"), std::string::npos) << log;
+    EXPECT_LT(log.find("] entry number 299\n"), log.find("] other number 299\n"));
     EXPECT_EQ(log.find("entry number 10\n"), std::string::npos);
     EXPECT_GT(log.size(), 1900u) << "about half the bound is kept";
     EXPECT_EQ(nextEntryStart(log, 0), 0u);

@@ -1,5 +1,6 @@
 // An in-memory medium and settings store for testing the drive and volume models without
-// the state database. Unwritten blocks read as zeros, like the sparse real store.
+// the state database. Unwritten blocks read as zeros, like the sparse real store. Also the
+// sending of one command and the reading of big-endian fields in the answers the models give.
 #pragma once
 
 #include "device.h"
@@ -12,6 +13,28 @@
 #include <vector>
 
 namespace kelsim {
+
+// One command to a model, its data in the host buffer `data` of `size` bytes.
+inline ScsiResult execute(ScsiTarget &target, const std::vector<uint8_t> &cdb, DataDirection direction, uint8_t *data,
+                          size_t size, bool blockTransferUnit = false) {
+    ScsiCommand command;
+    command.cdb = cdb.data();
+    command.cdbLength = cdb.size();
+    command.direction = direction;
+    command.data = data;
+    command.dataLength = static_cast<uint32_t>(size);
+    command.blockTransferUnit = blockTransferUnit;
+    return target.execute(command);
+}
+
+// The big-endian field of `width` bytes at `offset` of an answer.
+inline uint64_t be(const std::vector<uint8_t> &data, size_t offset, int width) {
+    uint64_t value = 0;
+    for (int i = 0; i < width; ++i) {
+        value = value << 8 | data.at(offset + i);
+    }
+    return value;
+}
 
 class MemoryMedium : public Medium {
   public:

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <map>
 #include <set>
 #include <vector>
@@ -29,19 +31,6 @@ struct Array {
     std::unique_ptr<RaidVolume> volume;
 };
 
-std::vector<uint8_t> cdb10(uint8_t opcode, uint32_t lba, uint16_t blocks) {
-    return {opcode,
-            0,
-            static_cast<uint8_t>(lba >> 24),
-            static_cast<uint8_t>(lba >> 16),
-            static_cast<uint8_t>(lba >> 8),
-            static_cast<uint8_t>(lba),
-            0,
-            static_cast<uint8_t>(blocks >> 8),
-            static_cast<uint8_t>(blocks),
-            0};
-}
-
 std::vector<uint8_t> cdb16(uint8_t opcode, uint64_t lba, uint32_t blocks) {
     std::vector<uint8_t> cdb(16);
     cdb[0] = opcode;
@@ -54,15 +43,15 @@ std::vector<uint8_t> cdb16(uint8_t opcode, uint64_t lba, uint32_t blocks) {
     return cdb;
 }
 
+// The 10-byte form: the low four LBA bytes and the low two length bytes of the 16-byte one.
+std::vector<uint8_t> cdb10(uint8_t opcode, uint32_t lba, uint16_t blocks) {
+    const std::vector<uint8_t> wide = cdb16(opcode, lba, blocks);
+    return {opcode, 0, wide[6], wide[7], wide[8], wide[9], 0, wide[12], wide[13], 0};
+}
+
 ScsiResult run(RaidVolume &volume, const std::vector<uint8_t> &cdb, DataDirection direction,
                std::vector<uint8_t> *data) {
-    ScsiCommand command;
-    command.cdb = cdb.data();
-    command.cdbLength = cdb.size();
-    command.direction = direction;
-    command.data = data->empty() ? nullptr : data->data();
-    command.dataLength = static_cast<uint32_t>(data->size());
-    return volume.execute(command);
+    return execute(volume, cdb, direction, data->empty() ? nullptr : data->data(), data->size());
 }
 
 // Writes blocks [lba, lba+count) each filled with its own tag byte, tag = first + i.
@@ -163,20 +152,12 @@ TEST(RaidLayout, Raid5ParityIsTheXorOfItsRowAfterOverlappingWrites) {
     writeTagged(*array.volume, 47, 3, 0xF0);
     writeTagged(*array.volume, 190, 30, 0x11);
     for (uint64_t lba = 0; lba < 20 * 16; lba++) {
-        uint8_t x = 0;
-        std::vector<uint8_t> block(kBlockSize);
-        std::vector<uint8_t> sum(kBlockSize, 0);
+        std::vector<uint8_t> block(kBlockSize), sum(kBlockSize, 0);
         for (auto &disk : array.disks) {
-            MemoryMedium &medium = disk.medium;
-            medium.read(lba, 1, block.data());
-            for (size_t i = 0; i < kBlockSize; i++) {
-                sum[i] ^= block[i];
-            }
+            disk.medium.read(lba, 1, block.data());
+            std::transform(sum.begin(), sum.end(), block.begin(), sum.begin(), std::bit_xor<uint8_t>());
         }
-        for (uint8_t byte : sum) {
-            x |= byte;
-        }
-        ASSERT_EQ(x, 0) << "member row block " << lba;
+        ASSERT_EQ(sum, std::vector<uint8_t>(kBlockSize, 0)) << "member row block " << lba;
     }
     std::vector<uint8_t> back = readBack(*array.volume, 45, 6);
     EXPECT_EQ(back[0], 0x80 + 35);
@@ -280,7 +261,7 @@ TEST(RaidState, CheckFindsMirrorAndParityMismatches) {
     EXPECT_EQ(found[0].memberLba, 2u);
 }
 
-TEST(RaidCommands, RangeAndOpcodeRefusals) {
+TEST(RaidCommands, RangeAndBufferRefusals) {
     Array array(RaidLevel::Raid1, 2, 1024);
     ScsiResult result;
     readBack(*array.volume, 1023, 2, &result);
@@ -289,10 +270,6 @@ TEST(RaidCommands, RangeAndOpcodeRefusals) {
     EXPECT_EQ(result.sense[12], sense::kAscLbaOutOfRange);
     readBack(*array.volume, 1023, 1, &result);
     EXPECT_FALSE(result.checkCondition); // the last block itself is fine
-
-    std::vector<uint8_t> none;
-    result = run(*array.volume, {0x1E, 0, 0, 0, 0x01, 0}, DataDirection::None, &none); // PREVENT MEDIUM REMOVAL
-    EXPECT_EQ(result.sense[12], sense::kAscInvalidOpcode);
 
     // A transfer bigger than the host buffer is refused rather than overrun.
     std::vector<uint8_t> small(kBlockSize);

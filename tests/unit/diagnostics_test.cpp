@@ -8,6 +8,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -49,18 +52,9 @@ class TempFolder : public ::testing::Test {
 
     std::string path(const char *name) const { return folder_.path() + "/" + name; }
     static std::string read(const std::string &file) {
-        std::string text;
-        FILE *in = fopen(file.c_str(), "rb");
-        if (in == nullptr) {
-            return text;
-        }
-        char chunk[4096];
-        size_t got = 0;
-        while ((got = fread(chunk, 1, sizeof chunk, in)) > 0) {
-            text.append(chunk, got);
-        }
-        fclose(in);
-        return text;
+        std::stringstream text;
+        text << std::ifstream(file, std::ios::binary).rdbuf();
+        return text.str();
     }
 
     ScratchFolder folder_{"kelpth-diag"};
@@ -100,24 +94,12 @@ TEST_F(ModePageFile, BlocksOfEverySizeAppendToTheFile) {
     }
 }
 
-TEST_F(ModePageFile, RefusalsAndAFileThatCannotBeOpened) {
+TEST_F(ModePageFile, AFileThatCannotBeOpenedIsReportedWithItsErrno) {
     const uint8_t byte = 0;
-    const std::string folderAsFile = folder_.path();
-    struct Case {
-        const char *path;
-        const uint8_t *data;
-        std::string screen;
-    };
-    const std::vector<Case> cases = {
-        {nullptr, &byte, "KEL0014-E Parameter error. argno=1\n" + kAbnormalEnd},
-        {"x.txt", nullptr, "KEL0014-E Parameter error. argno=2\n" + kAbnormalEnd},
-        {folderAsFile.c_str(), &byte, "KEL0011-E Saved file open error. errno=21\n" + kAbnormalEnd},
-    };
-    for (const Case &c : cases) {
-        int result = -1;
-        EXPECT_EQ(screenOf([&] { result = FileWriteModePage(c.path, c.data, 1); }), c.screen);
-        EXPECT_EQ(result, 0);
-    }
+    int result = -1;
+    EXPECT_EQ(screenOf([&] { result = FileWriteModePage(folder_.path().c_str(), &byte, 1); }),
+              "KEL0011-E Saved file open error. errno=21\n" + kAbnormalEnd);
+    EXPECT_EQ(result, 0);
 }
 
 TEST(LogPage31, EntriesShowHoursAndTheSenseTheDriveRecorded) {
@@ -143,16 +125,10 @@ TEST(LogPage31, EntriesShowHoursAndTheSenseTheDriveRecorded) {
                               "000\t 1193046.47\t71582788.25\t000000\t00000000\t00\n");
 }
 
-TEST(LogPage31, RefusesNoDataAndAnEntryCutShortReadsAsZeros) {
-    const uint8_t byte = 0;
-    std::string screen = screenOf([&] { EXPECT_EQ(PrintLogPage31(nullptr, 10), 0); });
-    EXPECT_EQ(screen, "KEL0014-E Parameter error. argno=1\n" + kAbnormalEnd);
-    screen = screenOf([&] { EXPECT_EQ(PrintLogPage31(&byte, 0), 0); });
-    EXPECT_EQ(screen, "KEL0014-E Parameter error. argno=2\n" + kAbnormalEnd);
-
+TEST(LogPage31, AnEntryCutShortReadsAsZeros) {
     std::vector<uint8_t> shortPage(4 + 2, 0);
     shortPage[5] = 9; // entry number of an entry the data cuts after two bytes
-    screen = screenOf([&] { EXPECT_EQ(PrintLogPage31(shortPage.data(), 6), 1); });
+    const std::string screen = screenOf([&] { EXPECT_EQ(PrintLogPage31(shortPage.data(), 6), 1); });
     EXPECT_EQ(screen.substr(screen.find('\n') + 1), "009\t       0.00\t       0.00\t000000\t00000000\t00\n");
 }
 
@@ -270,26 +246,30 @@ TEST(SmartDecoders, EightHeadAndSmallFamiliesReadTheirOwnOffsets) {
     EXPECT_NE(screen.find("残り交替セクタ数:  321\n"), std::string::npos);
 }
 
-TEST(SmartDecoders, ANullPageIsRefused) {
-    for (auto decoder : {PrintLogPage32Fix73, PrintLogPage32Fix146, PrintLogPage32Fix36}) {
-        int result = -1;
-        EXPECT_EQ(screenOf([&] { result = decoder(nullptr); }), "KEL0014-E Parameter error. argno=1\n" + kAbnormalEnd);
-        EXPECT_EQ(result, 0);
-    }
-}
-
-TEST(Inquiry, EachMissingOutputIsNamedByItsArgumentNumber) {
+// A missing input or output of any helper is named by its argument number, and nothing is done.
+TEST(DiagnosticsRefusals, EachMissingArgumentIsNamedByItsNumber) {
+    const uint8_t byte = 0;
     char vendor[9] = {}, product[17] = {}, revision[5] = {};
     struct Case {
-        char *vendorOut, *productOut, *revisionOut;
+        std::function<int()> call;
         int argNo;
     };
-    for (const Case &c :
-         {Case{nullptr, product, revision, 3}, Case{vendor, nullptr, revision, 4}, Case{vendor, product, nullptr, 5}}) {
+    const Case cases[] = {
+        {[&] { return FileWriteModePage(nullptr, &byte, 1); }, 1},
+        {[&] { return FileWriteModePage("x.txt", nullptr, 1); }, 2},
+        {[&] { return PrintLogPage31(nullptr, 10); }, 1},
+        {[&] { return PrintLogPage31(&byte, 0); }, 2},
+        {[&] { return PrintLogPage32Fix73(nullptr); }, 1},
+        {[&] { return PrintLogPage32Fix146(nullptr); }, 1},
+        {[&] { return PrintLogPage32Fix36(nullptr); }, 1},
+        {[&] { return GetInquiry(0, 0, nullptr, product, revision, 0); }, 3},
+        {[&] { return GetInquiry(0, 0, vendor, nullptr, revision, 0); }, 4},
+        {[&] { return GetInquiry(0, 0, vendor, product, nullptr, 0); }, 5},
+    };
+    for (const Case &c : cases) {
         int result = -1;
-        const std::string screen =
-            screenOf([&] { result = GetInquiry(0, 0, c.vendorOut, c.productOut, c.revisionOut, 0); });
-        EXPECT_EQ(screen, "KEL0014-E Parameter error. argno=" + std::to_string(c.argNo) + "\n" + kAbnormalEnd);
+        EXPECT_EQ(screenOf([&] { result = c.call(); }),
+                  "KEL0014-E Parameter error. argno=" + std::to_string(c.argNo) + "\n" + kAbnormalEnd);
         EXPECT_EQ(result, 0);
     }
 }

@@ -2,16 +2,16 @@
 // every kind of value line, through the main module's checks and the SATA readers.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "kelpth/param_file.h"
 #include "kelpth/sata_line_readers.h"
 #include "stdout_capture.h"
+#include "support/scratch_folder.h"
 
 namespace {
 
@@ -21,25 +21,14 @@ std::string illegal(const std::string &label) {
     return "KEL0022-E Ileagal Parameter. detail=" + label + "\n" + kAbnormalEnd;
 }
 
-class TempFile {
-  public:
-    explicit TempFile(const std::string &content) {
-        char pattern[] = "/tmp/kelpth-param-XXXXXX";
-        const int fd = mkstemp(pattern);
-        path = pattern;
-        EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-        close(fd);
-    }
-    ~TempFile() { unlink(path.c_str()); }
-    std::string path;
-};
-
 // The value lines of a file as the loop hands them over.
 std::vector<std::string> valueLines(const std::string &content, size_t bufferSize, size_t readSize) {
-    TempFile file(content);
+    ScratchFolder folder("kelpth-param");
+    const std::string path = folder.path() + "/param.txt";
+    std::ofstream(path, std::ios::binary) << content;
     ParamFile reader(bufferSize, readSize);
     std::vector<std::string> lines;
-    EXPECT_EQ(reader.open("KelPthCmd", 1, file.path.c_str()), 1);
+    EXPECT_EQ(reader.open("KelPthCmd", 1, path.c_str()), 1);
     while (char *line = reader.nextValueLine()) {
         lines.push_back(line);
         EXPECT_EQ(reader.valueLineCount(), static_cast<int>(lines.size()));
@@ -292,26 +281,22 @@ TEST(CdbLines, SataFormTakesTheWholeCdb) {
               illegal("CDB"));
 }
 
+// One data line through the free pass-through's reader.
+int appendData(const char *line, uint8_t *buffer, uint32_t length, uint32_t *filled) {
+    return appendDataLine("KelPthCmd", 1, kInlineLineRules, line, DataOverflow::LineLongerThanLength, buffer, length,
+                          filled);
+}
+
 TEST(DataLines, PairsAppendAtTheFilledCount) {
     uint8_t buffer[8] = {};
     uint32_t filled = 0;
-    EXPECT_EQ(appendDataLine("KelPthCmd", 1, kInlineLineRules, "0011\r\n", DataOverflow::LineLongerThanLength, buffer,
-                             sizeof buffer, &filled),
-              1);
-    EXPECT_EQ(appendDataLine("KelPthCmd", 1, kInlineLineRules, "223", DataOverflow::LineLongerThanLength, buffer,
-                             sizeof buffer, &filled),
-              1);
+    EXPECT_EQ(appendData("0011\r\n", buffer, sizeof buffer, &filled), 1);
+    EXPECT_EQ(appendData("223", buffer, sizeof buffer, &filled), 1);
     EXPECT_EQ(filled, 3u);
     EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + 4), (std::vector<uint8_t>{0x00, 0x11, 0x22, 0x00}));
-    EXPECT_EQ(appendDataLine("KelPthCmd", 1, kInlineLineRules, "5\n", DataOverflow::LineLongerThanLength, buffer,
-                             sizeof buffer, &filled),
-              1);
+    EXPECT_EQ(appendData("5\n", buffer, sizeof buffer, &filled), 1);
     EXPECT_EQ(filled, 3u) << "a single digit holds no byte";
-    EXPECT_EQ(screenOf([&] {
-                  appendDataLine("KelPthCmd", 1, kInlineLineRules, "00x1\n", DataOverflow::LineLongerThanLength, buffer,
-                                 sizeof buffer, &filled);
-              }),
-              illegal("Data"));
+    EXPECT_EQ(screenOf([&] { appendData("00x1\n", buffer, sizeof buffer, &filled); }), illegal("Data"));
     EXPECT_EQ(filled, 3u);
 }
 
@@ -321,19 +306,11 @@ TEST(DataLines, OverflowRulesOfTheTwoModules) {
     uint8_t buffer[5] = {};
     uint32_t filled = 0;
     const uint32_t length = 4;
-    EXPECT_EQ(screenOf([&] {
-                  EXPECT_EQ(appendDataLine("KelPthCmd", 1, kInlineLineRules, "0102030405\n",
-                                           DataOverflow::LineLongerThanLength, buffer, length, &filled),
-                            0);
-              }),
+    EXPECT_EQ(screenOf([&] { EXPECT_EQ(appendData("0102030405\n", buffer, length, &filled), 0); }),
               illegal("Data Length"));
     EXPECT_EQ(filled, 0u);
-    EXPECT_EQ(appendDataLine("KelPthCmd", 1, kInlineLineRules, "AABBCC\n", DataOverflow::LineLongerThanLength, buffer,
-                             length, &filled),
-              1);
-    EXPECT_EQ(appendDataLine("KelPthCmd", 1, kInlineLineRules, "DDEEFF\n", DataOverflow::LineLongerThanLength, buffer,
-                             length, &filled),
-              1);
+    EXPECT_EQ(appendData("AABBCC\n", buffer, length, &filled), 1);
+    EXPECT_EQ(appendData("DDEEFF\n", buffer, length, &filled), 1);
     EXPECT_EQ(filled, length);
     EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + 5), (std::vector<uint8_t>{0xAA, 0xBB, 0xCC, 0xDD, 0x00}));
 

@@ -12,6 +12,7 @@
 
 #include "kelctl.h"
 #include "kelpth/trace.h"
+#include "support/scratch_folder.h"
 
 namespace {
 
@@ -48,9 +49,10 @@ struct SignalRun {
 // screen and trace log.
 SignalRun handleSignalInChild(int signalNumber, Delivery delivery) {
     SignalRun run;
-    char folder[] = "/tmp/kelpth-signal-XXXXXX";
+    ScratchFolder scratch("kelpth-signal");
+    const char *folder = scratch.path().c_str();
     int pipeFds[2];
-    if (mkdtemp(folder) == nullptr || pipe(pipeFds) != 0) {
+    if (scratch.path().empty() || pipe(pipeFds) != 0) {
         return run;
     }
     fflush(stdout);
@@ -93,12 +95,9 @@ SignalRun handleSignalInChild(int signalNumber, Delivery delivery) {
     int waitStatus = 0;
     waitpid(child, &waitStatus, 0);
     run.exitStatus = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
-    std::ifstream log(std::string(folder) + "/kelpth.log");
     std::stringstream text;
-    text << log.rdbuf();
+    text << std::ifstream(scratch.path() + "/kelpth.log").rdbuf();
     run.log = text.str();
-    std::string remove = std::string("rm -rf ") + folder;
-    (void)system(remove.c_str());
     return run;
 }
 
